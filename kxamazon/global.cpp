@@ -1,0 +1,3 @@
+#include "kxamazon/global.h"
+
+global_t global;

@@ -1,0 +1,57 @@
+// A kxcloud process of a test's own, and its doors.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace kxtest
+{
+
+struct http_reply_t {
+    int status; // 0 when there was no reply
+    std::string body;
+};
+
+// Starts kxcloud on a free loopback port and waits until it answers; stops it by its process id at the end.
+class cloud
+{
+public:
+    explicit cloud(const std::vector<std::string>& options = {});
+    ~cloud();
+    cloud(const cloud&) = delete;
+    cloud& operator=(const cloud&) = delete;
+
+    const std::string& url() const { return url_; }
+    pid_t pid() const { return pid_; }
+
+    // Points this program at the cloud: the test constants, and global's tokens and base URLs.
+    void connect() const;
+
+    // The path door: another client of the same drive.
+    http_reply_t get(const std::string& path) const;
+    void put(const std::string& path, const std::string& content) const;
+    void mkdir(const std::string& path) const;
+    void trash(const std::string& path) const;
+    void rename(const std::string& path, const std::string& name) const;
+    void move(const std::string& path, const std::string& new_parent) const;
+    bool has(const std::string& path) const;
+    nlohmann::json stat(const std::string& path) const; // the node object at a path; null when there is none
+
+    // The control door.
+    // Applies the fault to the next matching requests, e.g.
+    // {"method":"GET","path":"^/nodes/","times":1,"status":500,"body":"..."}; see cloud/README.md.
+    void fail(const nlohmann::json& fault) const;
+    void expire_token() const;
+    nlohmann::json
+    requests() const; // drive requests only: method, path, query, headers, body, body_size, status
+    void forget_requests() const;
+    int count(const std::string& method, const std::string& path_regex) const; // of those received
+
+private:
+    std::string url_;
+    pid_t pid_ = -1;
+};
+
+} // namespace kxtest

@@ -1,0 +1,125 @@
+#include "support/support.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <utime.h>
+
+#include "common/utils.h"
+
+namespace fs = std::filesystem;
+
+namespace kxtest
+{
+
+namespace
+{
+
+// Removes this program's own folder at its end; forked children leave through _exit and do not.
+struct sysroot_cleaner {
+    ~sysroot_cleaner()
+    {
+        if (!std::getenv("KXTEST_SYSROOT")) {
+            std::error_code ignored;
+            fs::remove_all(sysroot(), ignored);
+        }
+    }
+} cleaner;
+
+} // namespace
+
+std::string new_folder(const std::string& name)
+{
+    static int count = 0;
+    fs::path folder = fs::path(sysroot()) / (name + std::to_string(++count));
+    fs::create_directories(folder);
+    return folder;
+}
+
+void write_file(const std::string& path, const std::string& content, time_t mtime)
+{
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << content;
+    if (mtime != 0) {
+        utimbuf times{mtime, mtime};
+        utime(path.c_str(), &times);
+    }
+}
+
+std::string read_file(const std::string& path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+bool exists(const std::string& path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+time_t mtime_of(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_mtime : 0;
+}
+
+std::vector<std::string> tree_of(const std::string& folder)
+{
+    std::vector<std::string> paths;
+    for (const auto& entry : fs::recursive_directory_iterator(folder))
+        paths.push_back(fs::relative(entry.path(), folder).string() + (entry.is_directory() ? "/" : ""));
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
+std::string output_of(int fd, const std::function<void()>& run)
+{
+    std::fflush(nullptr);
+    FILE* file = std::tmpfile();
+    int saved = dup(fd);
+    dup2(fileno(file), fd);
+    run();
+    std::fflush(nullptr);
+    dup2(saved, fd);
+    close(saved);
+    std::string text;
+    std::rewind(file);
+    for (int c; (c = std::fgetc(file)) != EOF;)
+        text.push_back(static_cast<char>(c));
+    std::fclose(file);
+    return text;
+}
+
+std::string log_of(const std::function<void()>& run, int verbosity)
+{
+    int verbose = std::exchange(g_verbose, verbosity);
+    int nosystemd = std::exchange(g_nosystemd, 1);
+    std::string raw = output_of(2, run);
+    g_verbose = verbose;
+    g_nosystemd = nosystemd;
+    raw = std::regex_replace(raw, std::regex("\x1b\\[39m"), "");
+    return std::regex_replace(raw, std::regex("\x1b\\[[0-9]+m[^ ]*\\(([a-z]+)\\) "), "$1: ");
+}
+
+bool eventually(const std::function<bool()>& condition, double seconds)
+{
+    auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+} // namespace kxtest

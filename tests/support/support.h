@@ -1,0 +1,35 @@
+// Files, logs and time for tests.
+#pragma once
+
+#include <ctime>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/constants.h"
+
+namespace kxtest
+{
+
+// A new empty folder below sysroot(); gone at the end of the program.
+std::string new_folder(const std::string& name = "folder");
+
+// Writes a file, making its folders; mtime 0 leaves the time alone.
+void write_file(const std::string& path, const std::string& content, time_t mtime = 0);
+std::string read_file(const std::string& path); // empty when it cannot be read
+bool exists(const std::string& path);           // of the entry itself, links not followed
+time_t mtime_of(const std::string& path);       // 0 when missing
+std::vector<std::string>
+tree_of(const std::string& folder); // relative paths, sorted, folders with a "/" behind
+
+// What the function writes to the log at this verbosity, in standard-error mode with the escapes and places
+// taken off: lines of the form "error: text".
+std::string log_of(const std::function<void()>& run, int verbosity = 3);
+
+// Everything the function writes to a descriptor (1 or 2), raw.
+std::string output_of(int fd, const std::function<void()>& run);
+
+// Asks every few milliseconds until the condition holds; false when it does not within the time.
+bool eventually(const std::function<bool()>& condition, double seconds = 10);
+
+} // namespace kxtest
