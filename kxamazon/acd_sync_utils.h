@@ -1,11 +1,24 @@
-// Sync pairs, the mapping between cloud and local paths, and the one policy that decides which cloud errors
+// Sync pairs, the mapping of cloud paths to local ones, and the one policy that decides which cloud errors
 // end the process.
+//
+// A list owns its entries, an entry and a sync path own their strings. A sync path lives for one pass; its
+// two node paths live for one node of it (sync_node_scope).
 #pragma once
 
 #include <cstdlib>
+#include <sys/stat.h>
+#include <utility>
 
 #include "common/owners.h"
 #include "kxamazon/acd_sync_pair.h"
+
+// How the cloud folder that holds an appliance's pairs is named.
+enum nas_cloud_drive_path_schema_t {
+    // "/nas-XX-XX-XX" with six hex digits: recognised, never made
+    NAS_CLOUD_DRIVE_PATH_SCHEMA_DEFAULT_HOSTNAME = 0,
+    // "/Korvane_" and the host name
+    NAS_CLOUD_DRIVE_PATH_SCHEMA_HOSTNAME = 1,
+};
 
 // A zero-filled entry.
 acd_sync_pair_entry_t* acd_sync_create_sync_pair_entry();
@@ -22,6 +35,9 @@ void acd_sync_sync_pair_list_insert_tail(acd_sync_pair_list_t* list, acd_sync_pa
 // Removes and frees every entry. The list head itself stays the caller's.
 void acd_sync_free_sync_pair_list(acd_sync_pair_list_t* list);
 
+// A record with copies of both drive paths and no node paths.
+acd_sync_path_t* acd_create_sync_path(const char* cloud_drive_path, const char* local_drive_path);
+
 // Frees the four paths and the record; null is ignored.
 void acd_free_sync_path(acd_sync_path_t* path);
 
@@ -37,9 +53,16 @@ int is_regular_nas_cloud_drive(const char* path);
 // 1 when path is cloud_drive_path or lies below it.
 int is_in_cloud_drive(const char* cloud_drive_path, const char* path);
 
+// The local path, which the caller frees, of a cloud path in cloud_drive_path.
+char* get_local_node_path(const char* cloud_drive_path, const char* local_drive_path,
+                          const char* cloud_node_path);
+
 // Maps a cloud path to its pair and local path. 0 with a new record; 0 with null for a pair's own top folder;
 // -1 with null for a path outside every pair.
 int get_sync_path(const char* cloud_node_path, acd_sync_pair_list_t* list, acd_sync_path_t** sync_path);
+
+// Stats a pair's local folder. 0, or -1 after logging under function_name when it is missing or no folder.
+int stat_local_drive_path(const char* function_name, const char* local_drive_path, struct stat* st);
 
 // Returns only for errors (an acd_fs_error_t) that a sync may skip; otherwise logs and ends the process with
 // status 1.
@@ -58,3 +81,23 @@ inline void acd_sync_release_sync_pair_list(acd_sync_pair_list_t* list)
     std::free(list);
 }
 using sync_pair_list_ptr = owner<acd_sync_pair_list_t, acd_sync_release_sync_pair_list>;
+
+// Lends a sync path the paths of one node; frees them and leaves nulls when it goes out of scope.
+class sync_node_scope
+{
+public:
+    sync_node_scope(acd_sync_path_t* sync_path, string_ptr cloud_node_path, string_ptr local_node_path)
+        : sync_path_(sync_path), cloud_(std::move(cloud_node_path)), local_(std::move(local_node_path))
+    {
+        sync_path_->cloud_node_path = cloud_.get();
+        sync_path_->local_node_path = local_.get();
+    }
+    sync_node_scope(const sync_node_scope&) = delete;
+    sync_node_scope& operator=(const sync_node_scope&) = delete;
+    ~sync_node_scope() { sync_path_->cloud_node_path = sync_path_->local_node_path = nullptr; }
+
+private:
+    acd_sync_path_t* sync_path_;
+    string_ptr cloud_;
+    string_ptr local_;
+};
