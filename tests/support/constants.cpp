@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "support/constants.h"
@@ -19,10 +20,10 @@ std::string make_sysroot()
     return mkdtemp(name);
 }
 
-// Never freed: the constants below point into these.
+// Never freed: the constants below point to these.
 const char* keep(const std::string& text)
 {
-    return (new std::string(text))->c_str();
+    return strdup(text.c_str());
 }
 
 const char* place(const char* path)

@@ -23,11 +23,13 @@ namespace kxtest
 namespace
 {
 
-// Removes this program's own folder at its end; forked children leave through _exit and do not.
+// Removes this program's own folder at its end; a forked child that ends through exit() leaves it alone.
 struct sysroot_cleaner {
+    pid_t program = getpid();
+
     ~sysroot_cleaner()
     {
-        if (!std::getenv("KXTEST_SYSROOT")) {
+        if (getpid() == program && !std::getenv("KXTEST_SYSROOT")) {
             std::error_code ignored;
             fs::remove_all(sysroot(), ignored);
         }
@@ -107,8 +109,9 @@ std::string log_of(const std::function<void()>& run, int verbosity)
     std::string raw = output_of(2, run);
     g_verbose = verbose;
     g_nosystemd = nosystemd;
-    raw = std::regex_replace(raw, std::regex("\x1b\\[39m"), "");
-    return std::regex_replace(raw, std::regex("\x1b\\[[0-9]+m[^ ]*\\(([a-z]+)\\) "), "$1: ");
+    // Places first: a debug line opens with the very escape that closes every line.
+    raw = std::regex_replace(raw, std::regex("\x1b\\[[0-9]+m[^ \x1b]*\\(([a-z]+)\\) "), "$1: ");
+    return std::regex_replace(raw, std::regex("\x1b\\[39m"), "");
 }
 
 bool eventually(const std::function<bool()>& condition, double seconds)
