@@ -4,12 +4,12 @@
 #include <utility>
 
 #include "common/constants.h"
+#include "common/paths.h"
 #include "common/utils.h"
 #include "kxamazon/acd_fs_account.h"
 #include "kxamazon/acd_fs_cache.h"
 #include "kxamazon/acd_fs_checkpoint.h"
 #include "kxamazon/acd_fs_io.h"
-#include "kxamazon/acd_path.h"
 #include "kxamazon/acd_utils.h"
 #include "kxamazon/global.h"
 

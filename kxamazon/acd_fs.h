@@ -30,8 +30,8 @@ acd_fs_error_t acd_fs_overwrite_file(const char* local_path, const char* cloud_p
 // Moves the node at the path, a file or a folder, to the trash. The root is refused.
 acd_fs_error_t acd_fs_delete_file(const char* path);
 
-// Downloads a node's content over local_path, making missing local folders. The file's time is not set; what a
-// failed download wrote stays.
+// Downloads a node's content over local_path, making missing local folders. The file's time is not set, and
+// what a failed download wrote stays.
 acd_fs_error_t acd_fs_download_file(const char* id, const char* local_path);
 
 acd_fs_error_t acd_fs_get_node(const char* path, acd_node_t** node);

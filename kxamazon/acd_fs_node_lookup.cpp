@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/paths.h"
 #include "kxamazon/acd_fs_node_reply.h"
-#include "kxamazon/acd_path.h"
 
 namespace
 {
