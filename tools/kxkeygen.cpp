@@ -5,7 +5,7 @@
 // Standard input holds "client id:client secret". The header gets two new RSA key pairs as hex texts and the
 // credential, enciphered with the cloud-drive pair. Keep the header as safe as the private keys it holds.
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
 #include <iostream>
 #include <iterator>
 #include <memory>
@@ -33,11 +33,11 @@ using key_ptr = std::unique_ptr<EVP_PKEY, key_deleter>;
 using context_ptr = std::unique_ptr<EVP_PKEY_CTX, key_deleter>;
 using number_ptr = std::unique_ptr<BIGNUM, key_deleter>;
 
-// The header's name of each component, and how many hex digits it has for each 8 bits of the key's bytes.
+// Every component but the public exponent, which is the same for both pairs.
 struct component_t {
-    const char* name;
-    const char* parameter;
-    int key_share; // the component is the key's size divided by this
+    const char* name;      // in the header, behind the pair's prefix
+    const char* parameter; // libcrypto's name of it
+    int key_share;         // its size is the key's size divided by this
 };
 const component_t components[] = {
     {"COMMON_N", OSSL_PKEY_PARAM_RSA_N, 1},
