@@ -14,7 +14,7 @@
 // ---- Time ----
 
 // The UTC instant that an ISO 8601 text such as 2015-06-01T12:34:56.789Z names; fractions of a second are
-// dropped.
+// dropped. A text that is not of this form gives a meaningless instant; s must not be null.
 time_t acdtime_to_unix(const char* s);
 
 // Sets a local entry's modification time (seconds since the epoch) and its access time to now; logs a
@@ -31,14 +31,15 @@ int acd_init();
 // Fetches global's content_url and metadata_url.
 int acd_account_get_endpoint();
 
-// Renews both tokens in global, and the base URLs with them. Nothing is written to disk.
+// Renews both tokens in global, and the base URLs with them. Nothing is written to disk; on failure the old
+// tokens stay.
 int acd_refresh_token();
 
 // Frees and clears global's token, refresh, metadata_url and content_url.
 void _free_global();
 
-// Logs an error status with the message of the reply body (a null body logs nothing); 401 renews the token.
-// Returns http_code.
+// Logs an error status with the message of the reply body (a null body logs nothing); 401 renews the token,
+// unless a renewal made the request. Returns http_code.
 int _http_response_handler(int http_code, const char* msg);
 
 // A reply in memory: sz bytes and a NUL after them; buf is malloc'd, null while empty. Starts as {0, null}.
@@ -85,13 +86,14 @@ struct acd_usage_t {
 // Asks for the account information; the reply is only shown, and only above verbosity 2.
 int acd_account_get_info();
 
-// Fills quota; -1 when the reply is no JSON object (quota is then zeroed).
+// Fills quota; -1 for null or when the reply is no JSON object (quota is then zeroed). Untouched after any
+// other failure.
 int acd_account_get_quota(acd_quota_t* quota);
 
-// Fills usage; -1 also for null.
+// Fills usage, in the same way.
 int acd_account_get_usage(acd_usage_t* usage);
 
-// On 0 *jsonstr is the reply text, which the caller frees; untouched otherwise.
+// On 0 *jsonstr is the reply text, which the caller frees; null otherwise. -1 for null arguments.
 int acd_get_nodes_with_filter(const char* filter, char** jsonstr);
 
 // The change feed from a checkpoint (null: from the start) as one text; results as above.
