@@ -13,6 +13,19 @@
 
 #include "common/utils.h"
 
+namespace
+{
+
+int format_bounded(char* buf, size_t n, const char* fmt, va_list args)
+{
+    int length = vsnprintf(buf, n, fmt, args);
+    if (n > 0)
+        buf[n - 1] = '\0';
+    return length;
+}
+
+} // namespace
+
 char* safe_strdup(const char* s)
 {
     return s ? strdup(s) : nullptr;
@@ -35,14 +48,6 @@ char* asprintf_str(const char* fmt, ...)
     int length = vasprintf(&text, fmt, args);
     va_end(args);
     return length < 0 ? nullptr : text;
-}
-
-static int format_bounded(char* buf, size_t n, const char* fmt, va_list args)
-{
-    int length = vsnprintf(buf, n, fmt, args);
-    if (n > 0)
-        buf[n - 1] = '\0';
-    return length;
 }
 
 int safe_snprintf(char* buf, size_t n, const char* fmt, ...)
