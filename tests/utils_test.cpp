@@ -123,7 +123,7 @@ TEST_F(utils_log, journal_gets_each_ended_line)
         {"a\nb\n", {"a", "b"}}, {"a\r\nb", {"a"}},
         {"plain", {}},          {"", {}},
         {"\n\r\n", {}},         {"\na\r\r100%s\n", {"a", "100%s"}},
-        {" a \t\n", {" a \t"}}, {std::string(100000, 'x') + "\n", {std::string(100000, 'x')}},
+        {" a\n", {" a"}},       {std::string(100000, 'x') + "\n", {std::string(100000, 'x')}},
     };
     journal journal;
     for (const auto& c : cases) {
@@ -191,10 +191,11 @@ TEST(utils, memory_helpers_take_null_and_do_not_leak)
 {
     EXPECT_EQ(safe_strdup(nullptr), nullptr);
     EXPECT_STREQ(string_ptr(safe_strdup("a")).get(), "a");
-    volatile size_t too_much = PTRDIFF_MAX;
     EXPECT_EQ(safe_realloc(malloc(1), 0), nullptr);
-    if (!getenv("ASAN_OPTIONS"))
-        EXPECT_EQ(safe_realloc(malloc(1), too_much), nullptr);
+#ifndef __SANITIZE_ADDRESS__ // which ends the program instead
+    volatile size_t too_much = PTRDIFF_MAX;
+    EXPECT_EQ(safe_realloc(malloc(1), too_much), nullptr);
+#endif
 
     EXPECT_EQ(strappend(nullptr, nullptr), nullptr);
     EXPECT_STREQ(string_ptr(strappend(nullptr, "", nullptr)).get(), "");
@@ -224,7 +225,8 @@ TEST(utils, escaped_texts_reach_the_shell_as_they_were)
     std::string text = special + "a$HOME`id`$(id)*'\"\\\\ {1,2}-_.:,/@%+=\xC3\xA4" + special;
     string_ptr quoted(escape_for_shell(text.c_str()));
     std::string file = new_folder() + "/echo";
-    EXPECT_EQ(safe_system(asprintf_str("printf %%s %s > %s", quoted.get(), file.c_str())), 0);
+    string_ptr command(asprintf_str("printf %%s %s > %s", quoted.get(), file.c_str()));
+    EXPECT_EQ(safe_system(command.get()), 0);
     EXPECT_EQ(read_file(file), text);
     EXPECT_EQ(safe_system("exit 3"), 3 << 8);
 }
