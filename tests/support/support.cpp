@@ -8,11 +8,15 @@
 #include <regex>
 #include <sstream>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
 #include <utime.h>
 
+#include "common/cipher_utils.h"
+#include "common/constants.h"
+#include "common/owners.h"
 #include "common/utils.h"
 
 namespace fs = std::filesystem;
@@ -112,6 +116,24 @@ std::string log_of(const std::function<void()>& run, int verbosity)
     // Places first: a debug line opens with the very escape that closes every line.
     raw = std::regex_replace(raw, std::regex("\x1b\\[[0-9]+m[^ \x1b]*\\(([a-z]+)\\) "), "$1: ");
     return std::regex_replace(raw, std::regex("\x1b\\[39m"), "");
+}
+
+void write_settings(const std::string& lines, const std::string& provision)
+{
+    string_ptr sealed(encrypt_str2hexstr(provision.c_str(), 1));
+    write_file(kx_settings_path, std::string("AMAZONDRIVE_PROVISION=") + sealed.get() + "\n" + lines);
+}
+
+shell_result_t run_shell(const std::string& command_line)
+{
+    std::string command = "export PATH='" KXTEST_TEST_DIR "':'" KXTEST_BIN_DIR "':\"$PATH\"\n" + command_line;
+    shell_result_t result{-1, ""};
+    FILE* pipe = popen(command.c_str(), "r");
+    for (int c; (c = std::fgetc(pipe)) != EOF;)
+        result.output.push_back(static_cast<char>(c));
+    if (int status = pclose(pipe); WIFEXITED(status))
+        result.status = WEXITSTATUS(status);
+    return result;
 }
 
 bool eventually(const std::function<bool()>& condition, double seconds)

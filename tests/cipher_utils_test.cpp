@@ -1,0 +1,142 @@
+#include "common/cipher_utils.h"
+
+#include <gmock/gmock.h>
+
+#include "common/owners.h"
+#include "common/secrets.h"
+#include "support/support.h"
+
+using namespace kxtest;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+namespace
+{
+
+// The text and then null, so that a missing result differs from an empty one.
+std::string text_of(char* text)
+{
+    string_ptr owned(text);
+    return owned ? owned.get() : "(null)";
+}
+
+std::string seal(const std::string& text, int module)
+{
+    return text_of(encrypt_str2hexstr(text.c_str(), module));
+}
+
+std::string unseal(const std::string& hex, int module)
+{
+    return text_of(decrypt_hexstr2str(hex.c_str(), module));
+}
+
+} // namespace
+
+TEST(Cipher, DeciphersWhatItEncipheredUpToTheBlockLimitOfEachKey)
+{
+    for (auto [module, limit, digits] : {std::tuple{0, 117, 256}, std::tuple{1, 245, 512}}) {
+        for (int size : {1, 16, limit}) {
+            std::string text(size, 'x'), hex = seal(text, module);
+            EXPECT_THAT(hex, MatchesRegex("[0-9A-F]+"));
+            EXPECT_EQ(hex.size(), digits);
+            EXPECT_EQ(unseal(hex, module), text) << module << " " << size;
+        }
+        std::string log =
+            log_of([&, m = module, l = limit] { EXPECT_EQ(seal(std::string(l + 1, 'x'), m), "(null)"); });
+        EXPECT_THAT(log, MatchesRegex("debug: Encryption Error. err=[0-9]+ [^\n]+\n"));
+    }
+    std::string utf8 = "état=\xE2\x82\xAC&state=authorized";
+    EXPECT_EQ(unseal(seal(utf8, 1), 1), utf8);
+}
+
+TEST(Cipher, TakesLowercaseDigits)
+{
+    std::string hex = seal("authorized", 1);
+    for (char& c : hex)
+        c = static_cast<char>(std::tolower(c));
+    EXPECT_EQ(unseal(hex, 1), "authorized");
+}
+
+TEST(Cipher, RefusesWhatIsNoWholeBlockOrHasNoKey)
+{
+    const std::string unknown_2 = "error: Unknown module 2!\n", unknown_minus = "error: Unknown module -1!\n";
+    struct {
+        size_t digits;
+        int module;
+        std::string log;
+    } table[] = {
+        {255, 0, "debug: strlen(hexstr)=255\n"},
+        {257, 1, "debug: strlen(hexstr)=257\n"},
+        {255, 2, "debug: strlen(hexstr)=255\n"}, // the length is looked at first
+        {256, 2, unknown_2},
+        {256, -1, unknown_minus},
+        {256, 1, ""}, // half a block of this key
+        {768, 1, ""},
+        {0, 1, ""},
+    };
+    for (const auto& row : table)
+        EXPECT_EQ(log_of([&] { EXPECT_EQ(unseal(std::string(row.digits, 'A'), row.module), "(null)"); }),
+                  row.log)
+            << row.digits << " " << row.module;
+    EXPECT_EQ(log_of([] { EXPECT_EQ(seal("x", 2), "(null)"); }), unknown_2);
+    EXPECT_EQ(log_of([] { EXPECT_EQ(seal("x", -1), "(null)"); }), unknown_minus);
+    EXPECT_EQ(seal("", 1), "");
+    EXPECT_EQ(decrypt_hexstr2str(nullptr, 1), nullptr);
+    EXPECT_EQ(encrypt_str2hexstr(nullptr, 1), nullptr);
+    EXPECT_EQ(alloc_RSA(2), nullptr);
+    // A number above the modulus can be no ciphertext.
+    EXPECT_THAT(log_of([] { EXPECT_EQ(unseal(std::string(512, 'F'), 1), "(null)"); }),
+                MatchesRegex("debug: Encryption Error. err=[0-9]+ [^\n]+\n"));
+}
+
+TEST(Cipher, TheBuildsClientCredentialIsReadable)
+{
+    EXPECT_EQ(std::string(kx_client_credential).size(), 512);
+    EXPECT_THAT(unseal(kx_client_credential, 1), MatchesRegex("[^:]+:.+"));
+}
+
+TEST(Nonce, FillsExactlyTheLengthAskedForWithBase62)
+{
+    for (int length : {-1, 0, 1, 5, 7, 64}) {
+        std::string text(70, '#');
+        gen_nonce_str(text.data(), length);
+        size_t filled = length < 0 ? 0 : static_cast<size_t>(length);
+        EXPECT_EQ(text.find_first_not_of("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"),
+                  filled);
+        EXPECT_EQ(text.substr(filled), std::string(70 - filled, '#'));
+    }
+    std::string a(20, '#'), b = a;
+    gen_nonce_str(a.data(), 20);
+    gen_nonce_str(b.data(), 20);
+    EXPECT_NE(a, b);
+}
+
+TEST(PlaintextSignature, EncodesBothSecretsAsOneValue)
+{
+    EXPECT_EQ(text_of(oauth_sign_plaintext("a b", nullptr)), "a%20b%26");
+    EXPECT_EQ(text_of(oauth_sign_plaintext(nullptr, "aZ09-_.~")), "%26aZ09-_.~");
+    EXPECT_EQ(text_of(oauth_sign_plaintext("%/+", "\xC3\xA4")), "%25%2F%2B%26%C3%A4");
+    EXPECT_EQ(text_of(oauth_sign_plaintext(std::string(2000, 'a').c_str(), "b")), std::string(1023, 'a'));
+}
+
+TEST(Kxseal, SealsItsInputUntrimmed)
+{
+    for (int module : {0, 1}) {
+        auto [status, output] = run_shell("printf ' a b\\n' | kxseal " + std::to_string(module));
+        EXPECT_EQ(status, 0);
+        ASSERT_THAT(output, MatchesRegex("[0-9A-F]+\n"));
+        EXPECT_EQ(unseal(output.substr(0, output.size() - 1), module), " a b\n");
+    }
+}
+
+TEST(Kxseal, RefusesWhatItCannotSeal)
+{
+    for (const char* command :
+         {"printf x | kxseal", "printf x | kxseal 2", "printf x | kxseal -1", "printf x | kxseal 1 1",
+          "printf %246s x | kxseal 1", "printf %118s x | kxseal 0", "printf 'a\\000b' | kxseal 1"}) {
+        EXPECT_EQ(run_shell(command + std::string(" 2>/dev/null")).output, "") << command;
+        auto [status, message] = run_shell(command + std::string(" 2>&1"));
+        EXPECT_EQ(status, 1) << command;
+        EXPECT_THAT(message, HasSubstr("kxseal")) << command;
+    }
+}
