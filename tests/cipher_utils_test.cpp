@@ -4,6 +4,7 @@
 
 #include "common/owners.h"
 #include "common/secrets.h"
+#include "support/process.h"
 #include "support/support.h"
 
 using namespace kxtest;
@@ -119,24 +120,34 @@ TEST(PlaintextSignature, EncodesBothSecretsAsOneValue)
     EXPECT_EQ(text_of(oauth_sign_plaintext(std::string(2000, 'a').c_str(), "b")), std::string(1023, 'a'));
 }
 
+// Runs kxseal with these words and what the printf arguments print as its input.
+run_result_t run_kxseal(const std::string& printf_words, const std::string& words)
+{
+    return run({"/bin/sh", "-c", "printf " + printf_words + " | " + program("kxseal") + " " + words});
+}
+
 TEST(Kxseal, SealsItsInputUntrimmed)
 {
     for (int module : {0, 1}) {
-        auto [status, output] = run_shell("printf ' a b\\n' | kxseal " + std::to_string(module));
-        EXPECT_EQ(status, 0);
-        ASSERT_THAT(output, MatchesRegex("[0-9A-F]+\n"));
-        EXPECT_EQ(unseal(output.substr(0, output.size() - 1), module), " a b\n");
+        run_result_t result = run_kxseal("' a b\\n'", std::to_string(module));
+        EXPECT_EQ(result.status, 0);
+        ASSERT_THAT(result.out, MatchesRegex("[0-9A-F]+\n"));
+        EXPECT_EQ(unseal(result.out.substr(0, result.out.size() - 1), module), " a b\n");
     }
 }
 
 TEST(Kxseal, RefusesWhatItCannotSeal)
 {
-    for (const char* command :
-         {"printf x | kxseal", "printf x | kxseal 2", "printf x | kxseal -1", "printf x | kxseal 1 1",
-          "printf %246s x | kxseal 1", "printf %118s x | kxseal 0", "printf 'a\\000b' | kxseal 1"}) {
-        EXPECT_EQ(run_shell(command + std::string(" 2>/dev/null")).output, "") << command;
-        auto [status, message] = run_shell(command + std::string(" 2>&1"));
-        EXPECT_EQ(status, 1) << command;
-        EXPECT_THAT(message, HasSubstr("kxseal")) << command;
+    struct {
+        const char *input, *words;
+    } table[] = {
+        {"x", ""},        {"x", "2"},       {"x", "-1"},        {"x", "1 1"},
+        {"%246s x", "1"}, {"%118s x", "0"}, {"'a\\000b'", "1"},
+    };
+    for (const auto& [input, words] : table) {
+        run_result_t result = run_kxseal(input, words);
+        EXPECT_EQ(result.status, 1) << words;
+        EXPECT_EQ(result.out, "") << words;
+        EXPECT_THAT(result.err, HasSubstr("kxseal")) << words;
     }
 }

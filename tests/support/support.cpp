@@ -8,7 +8,6 @@
 #include <regex>
 #include <sstream>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -122,18 +121,6 @@ void write_settings(const std::string& lines, const std::string& provision)
 {
     string_ptr sealed(encrypt_str2hexstr(provision.c_str(), 1));
     write_file(kx_settings_path, std::string("AMAZONDRIVE_PROVISION=") + sealed.get() + "\n" + lines);
-}
-
-shell_result_t run_shell(const std::string& command_line)
-{
-    std::string command = "export PATH='" KXTEST_TEST_DIR "':'" KXTEST_BIN_DIR "':\"$PATH\"\n" + command_line;
-    shell_result_t result{-1, ""};
-    FILE* pipe = popen(command.c_str(), "r");
-    for (int c; (c = std::fgetc(pipe)) != EOF;)
-        result.output.push_back(static_cast<char>(c));
-    if (int status = pclose(pipe); WIFEXITED(status))
-        result.status = WEXITSTATUS(status);
-    return result;
 }
 
 bool eventually(const std::function<bool()>& condition, double seconds)

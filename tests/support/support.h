@@ -34,13 +34,6 @@ void write_settings(const std::string& lines = "AMAZONDRIVE_ACCESS_TOKEN=access\
                                                "AMAZONDRIVE_REFRESH_TOKEN=refresh\n",
                     const std::string& provision = "v=1&state=authorized");
 
-// Runs a shell command line that finds the built programs on its PATH (kxamazon with the tests' constants).
-struct shell_result_t {
-    int status; // exit status; -1 when a signal ended it
-    std::string output;
-};
-shell_result_t run_shell(const std::string& command_line);
-
 // Asks every few milliseconds until the condition holds; false when it does not within the time.
 bool eventually(const std::function<bool()>& condition, double seconds = 10);
 
