@@ -1,5 +1,8 @@
 // Brings local folders up to date with the cloud: a full pass over a cloud folder, and the change feed. Here
-// the cloud is authoritative.
+// the cloud is authoritative; times are compared in whole seconds, neither sizes nor checksums are.
+//
+// Everything that a callback or an action receives is borrowed. A failure at one node is logged and the pass
+// goes on; only handle_acd_fs_error and states that must not be end the process.
 #pragma once
 
 #include <dirent.h>
@@ -21,9 +24,21 @@ acd_fs_error_t op_full_download(const char* cloud_node_path, const acd_node_t* n
 acd_fs_error_t op_downsync_changes(const char* cloud_node_path, const acd_node_t* node,
                                    acd_sync_pair_list_t* list);
 
-// Decide for one node and act.
+// What to do with the local node of an available, trashed or purged cloud node. A node that the cache has
+// noted as moved must not get here: it ends the process.
+sync_folder_action_t get_downsync_folder_action(const acd_node_t* node, const acd_sync_path_t* sync_path);
+sync_file_action_t get_downsync_file_action(const acd_node_t* node, const acd_sync_path_t* sync_path);
+
+// The labels of the actions on the local side; static.
+const char* sync_folder_action_to_string(sync_folder_action_t action);
+const char* sync_file_action_to_string(sync_file_action_t action);
+
+// Decide for one node and act. The result is the action's, 0 when there was nothing to do.
 int op_downsync_node_folder(const acd_node_t* node, acd_sync_path_t* sync_path);
 int op_downsync_node_file(const acd_node_t* node, acd_sync_path_t* sync_path);
+
+// Makes the local folder of a cloud folder, with missing parents; a failure is logged under function_name.
+void add_local_folder(const char* function_name, const char* cloud_path, const char* local_path);
 
 // The actions, on sync_path's local node. op_downsync_delete_node answers -1 when there is nothing to delete,
 // op_downsync_rename_node the result of rename(2).
@@ -37,6 +52,9 @@ int op_default_filter(const acd_node_t* node);
 
 // 1 for the local entries that a delete takes: folders and regular files.
 int op_downsync_delete_node_linux_fs_filter(const struct dirent* entry);
+
+// Walk callback that deletes one local entry; always 0.
+int op_downsync_delete_node_linux_fs(const char* full_path, const struct dirent* entry, void* arg);
 
 // Called when the feed was read to its end: drops trashed nodes from the cache.
 void has_fetched_all_changes();

@@ -1,0 +1,143 @@
+#include <cstddef>
+#include <sys/stat.h>
+
+#include "common/utils.h"
+#include "kxamazon/acd_fs.h"
+#include "kxamazon/acd_fs_cache.h"
+#include "kxamazon/acd_sync_downsync.h"
+#include "kxamazon/acd_sync_report.h"
+#include "kxamazon/acd_sync_utils.h"
+#include "kxamazon/global.h"
+
+namespace
+{
+
+constexpr int fetch_all_changes = 1;
+constexpr size_t max_changed_nodes = 10000;
+constexpr size_t changes_chunk_size = 200;
+
+// Both paths lie in a pair: the local node follows the cloud's without a download.
+void __op_downsync_move_node(const acd_node_t* node, const acd_sync_path_t* old_path,
+                             acd_sync_path_t* new_path)
+{
+    const char* old_local = old_path->local_node_path;
+    const char* new_local = new_path->local_node_path;
+    LOG_DEBUG("%s: Node %s shall be moved. %s ---> %s\n", __func__, acd_node_to_short_string(node), old_local,
+              new_local);
+    LOG_DEBUG("%s: Found moved node: %s, cloud (%s ---> %s), local (%s ---> %s)\n", __func__,
+              acd_node_to_short_string(node), old_path->cloud_node_path, new_path->cloud_node_path, old_local,
+              new_local);
+    safe_mv(old_local, new_local);
+    report_sync_move(node->kind == NODE_KIND_FOLDER ? sync_folder_action_to_string(SYNC_FOLDER_ACTION_MOVE)
+                                                    : sync_file_action_to_string(SYNC_FILE_ACTION_MOVE),
+                     "LOGMSG_AMAZONDRIVE_LOCAL_MOVE", old_local, new_local);
+    op_downsync_update_mtime_node(node, new_path);
+}
+
+// The node came from outside every pair, so there is nothing local to move.
+void add_moved_node(const acd_node_t* node, acd_sync_path_t* new_path)
+{
+    LOG_DEBUG("%s: Node %s shall be added! %s ===> %s\n", "op_downsync_move_node",
+              acd_node_to_short_string(node), new_path->cloud_node_path, new_path->local_node_path);
+    if (node->kind == NODE_KIND_FOLDER)
+        acd_downsync_cloud_drive_path(new_path->cloud_drive_path, new_path->cloud_node_path,
+                                      new_path->local_drive_path);
+    else
+        op_downsync_add_node(node, new_path);
+}
+
+// new_path is null when the node's new place lies outside every pair.
+void op_downsync_move_node(const acd_node_t* node, const char* old_cloud_path, const char* new_cloud_path,
+                           acd_sync_path_t* new_path)
+{
+    LOG_DEBUG("%s: Node %s was moved. %s ---> %s\n", __func__, acd_node_to_short_string(node), old_cloud_path,
+              new_cloud_path);
+    sync_path_ptr old_path;
+    get_sync_path(old_cloud_path, global.sync_pairs, out(old_path));
+    struct stat st;
+    if (!new_path && old_path) {
+        LOG_DEBUG("%s: Node %s shall be deleted! %s\n", __func__, acd_node_to_short_string(node),
+                  old_path->local_node_path);
+        op_downsync_delete_node(node, old_path.get());
+    } else if (new_path && stat_local_drive_path(__func__, new_path->local_drive_path, &st) == 0) {
+        if (old_path)
+            __op_downsync_move_node(node, old_path.get(), new_path);
+        else
+            add_moved_node(node, new_path);
+    }
+}
+
+// Decides on a node that stands where it stood.
+acd_fs_error_t apply_change(const acd_node_t* node, acd_sync_path_t* sync_path)
+{
+    constexpr const char* name = "op_downsync_changes";
+    LOG_DEBUG("%s: %s <===> %s, %s ---> %s\n", name, sync_path->cloud_drive_path, sync_path->local_drive_path,
+              sync_path->cloud_node_path, sync_path->local_node_path);
+    struct stat st;
+    if (stat_local_drive_path(name, sync_path->local_drive_path, &st) != 0)
+        return ACD_FS_ERR_LOCAL_IO;
+    if (node->kind == NODE_KIND_FOLDER)
+        op_downsync_node_folder(node, sync_path);
+    else
+        op_downsync_node_file(node, sync_path);
+    return ACD_FS_ERR_OK;
+}
+
+} // namespace
+
+void has_fetched_all_changes()
+{
+    acd_fs_flush();
+}
+
+// The order in which the feed is applied:
+//   1. the reader writes each node to the cache before it is handed on, so the notes on older names and
+//   places
+//      are there when the node is looked at;
+//   2. a chunk is applied before its checkpoint is saved: after a crash changes come again, none is lost, and
+//      a change that was applied decides as nothing to do;
+//   3. trashed nodes leave the cache only when the feed is read to its end, as their paths are needed until
+//      then.
+int acd_downsync_changes(acd_sync_pair_list_t* list)
+{
+    if (!list)
+        return -1;
+    auto rc = acd_fs_scan_changes(fetch_all_changes, max_changed_nodes, changes_chunk_size, op_default_filter,
+                                  op_downsync_changes, list, has_fetched_all_changes);
+    if (rc != ACD_FS_ERR_OK)
+        HANDLE_ACD_FS_ERROR(rc);
+    return 0;
+}
+
+// For one node: a trashed pair folder is restored first, since the local folder stands for a configured pair
+// and must keep its twin; then a move is looked for before anything else, since at its new place a moved node
+// would look like a new one and be downloaded.
+acd_fs_error_t op_downsync_changes(const char* cloud_node_path, const acd_node_t* node, acd_sync_pair_list_t*)
+{
+    if (node->is_root || node->status == NODE_STATUS_PENDING ||
+        (node->kind != NODE_KIND_FILE && node->kind != NODE_KIND_FOLDER)) {
+        LOG_DEBUG("%s: Ignore node in changes. node %s\n", __func__, acd_node_to_short_string(node));
+        return ACD_FS_ERR_SCAN_OP_CONTINUE;
+    }
+    if (node->status == NODE_STATUS_TRASH && is_nas_cloud_drive(cloud_node_path, global.sync_pairs)) {
+        LOG_INFO("%s: Cloud drive path %s was deleted! Restore it.\n", __func__, cloud_node_path);
+        if (auto rc = acd_fs_mkdir(cloud_node_path); rc != ACD_FS_ERR_OK) {
+            LOG_ERROR("%s: Failed to mkdir cloud drive path %s! %d\n", __func__, cloud_node_path, rc);
+            return rc;
+        }
+    }
+
+    string_ptr old_cloud_path;
+    const int was_moved = acd_cache_is_cloud_node_moved(node, out(old_cloud_path));
+    sync_path_ptr sync_path;
+    get_sync_path(cloud_node_path, global.sync_pairs, out(sync_path));
+    if (was_moved) {
+        op_downsync_move_node(node, old_cloud_path.get(), cloud_node_path, sync_path.get());
+        acd_cache_delete_moved_node(node);
+        // The move took the new name along. A note that stayed would, at the next change, rename whatever
+        // bears the old name in the new folder.
+        acd_cache_delete_renamed_node(node);
+        return ACD_FS_ERR_OK;
+    }
+    return sync_path ? apply_change(node, sync_path.get()) : ACD_FS_ERR_SCAN_OP_CONTINUE;
+}
