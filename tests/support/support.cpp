@@ -3,15 +3,16 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
+#include <stdexcept>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
-#include <utime.h>
 
 #include "common/cipher_utils.h"
 #include "common/constants.h"
@@ -52,11 +53,12 @@ std::string new_folder(const std::string& name)
 void write_file(const std::string& path, const std::string& content, time_t mtime)
 {
     fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << content;
-    if (mtime != 0) {
-        utimbuf times{mtime, mtime};
-        utime(path.c_str(), &times);
-    }
+    fd_owner fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666));
+    if (!fd || write(fd.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()))
+        throw std::runtime_error("cannot write " + path);
+    timespec times[2] = {{mtime, 0}, {mtime, 0}};
+    if (mtime != 0)
+        futimens(fd.get(), times);
 }
 
 std::string read_file(const std::string& path)

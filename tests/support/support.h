@@ -14,7 +14,8 @@ namespace kxtest
 // A new empty folder below sysroot(); gone at the end of the program.
 std::string new_folder(const std::string& name = "folder");
 
-// Writes a file, making its folders; mtime 0 leaves the time alone.
+// Writes a file, making its folders. A time other than 0 is set before the file is closed, so that a watcher
+// that hears of the close finds it.
 void write_file(const std::string& path, const std::string& content, time_t mtime = 0);
 std::string read_file(const std::string& path); // empty when it cannot be read
 bool exists(const std::string& path);           // of the entry itself, links not followed

@@ -1,0 +1,339 @@
+// The service as a process of its own, against a cloud that is another.
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <regex>
+#include <unistd.h>
+
+#include "common/cipher_utils.h"
+#include "common/owners.h"
+#include "support/cloud.h"
+#include "support/process.h"
+#include "support/support.h"
+
+namespace fs = std::filesystem;
+using namespace kxtest;
+
+namespace
+{
+
+std::string host_name()
+{
+    char name[64] = "";
+    gethostname(name, sizeof name - 1);
+    return name;
+}
+
+// An appliance with one volume, a share on it, and the default folder.
+struct appliance {
+    explicit appliance(const cloud& its_cloud) : cloud_url(its_cloud.url())
+    {
+        string_ptr sealed(encrypt_str2hexstr("user=x&state=authorized", 1));
+        settings("AMAZONDRIVE_PROVISION=" + std::string(sealed.get()) +
+                 "\nAMAZONDRIVE_ACCESS_TOKEN='access'\nAMAZONDRIVE_REFRESH_TOKEN='refresh'\n");
+        write_file(root + "/etc/brisal/account.conf", "admin!!" + name() + "\n");
+        write_file(root + "/etc/brisal/amazon/config.xml",
+                   "<config mode=\"down\"><ShareId>" + name() + "/Photos</ShareId></config>");
+        write_file(root + "/var/log/brisal/amazoncd.log", "");
+        fs::create_directories(photos);
+        fs::create_directories(drive);
+    }
+    std::string name() const { return volume.substr(1); }
+    void settings(const std::string& text) const { write_file(root + "/etc/default/services", text); }
+
+    std::unique_ptr<process> start(std::vector<std::string> env = {}) const
+    {
+        env.push_back("KXTEST_SYSROOT=" + root);
+        env.push_back("KXTEST_CLOUD_URL=" + cloud_url);
+        return std::make_unique<process>(std::vector<std::string>{program("kxamazon"), "-d", "-v", "3"}, env);
+    }
+    std::string status() const
+    {
+        std::smatch found;
+        std::string text = read_file(root + "/etc/brisal/amazon/status.xml");
+        return std::regex_search(text, found, std::regex("SYNC_STATE_[A-Z_]+")) ? found.str() : "";
+    }
+    // The event log without times: "TAG item item".
+    std::string events() const
+    {
+        std::string text = read_file(root + "/var/log/brisal/amazoncd.log");
+        text =
+            std::regex_replace(text,
+                               std::regex("<Log id=\"\" timestamp=\"[0-9]+\" localized_ts=\"\" severity=\"\" "
+                                          "category=\"\" message-tag=\"LOGMSG_AMAZONDRIVE_([A-Z_]+)\"><args"),
+                               "$1");
+        text = std::regex_replace(text, std::regex(" item_[0-9]+=\"([^\"]*)\""), " $1");
+        return std::regex_replace(text, std::regex("/></Log>"), "");
+    }
+
+    std::string cloud_url;
+    std::string root = new_folder("appliance");
+    std::string volume = root + "/data";
+    std::string photos = volume + "/Photos";
+    std::string drive = volume + "/AmazonCloudDrive";
+    std::string cloud_photos = "/Korvane_" + host_name() + "/Photos";
+};
+
+class EndToEnd : public testing::Test
+{
+protected:
+    bool live(const process& service)
+    {
+        return eventually(
+            [&] {
+                return service.err().find("Initial sync complete. Start live syncing.") != std::string::npos;
+            },
+            30);
+    }
+    int stop(process& service)
+    {
+        service.signal(SIGUSR1);
+        return service.wait(30);
+    }
+    // Moves the cloud's clock on, so that what it changes now is newer than what is there by whole seconds.
+    void later() { cloud_.set_clock_offset(clock_offset_ += 10); }
+
+    cloud cloud_;
+    appliance nas_{cloud_};
+    int clock_offset_ = 0;
+};
+
+} // namespace
+
+TEST_F(EndToEnd, FirstStartBringsBothSidesTogetherAndARestartTransfersNothing)
+{
+    cloud_.put("/Docs/plan.txt", "from the cloud");
+    cloud_.put("/empty", "");
+    cloud_.put(nas_.cloud_photos + "/2015/a b.jpg", "a photo");
+    cloud_.put("/Korvane_other/Photos/theirs.jpg", "another appliance's");
+    write_file(nas_.photos + "/new/c'd.jpg", "c");
+    write_file(nas_.drive + "/Docs/local.txt", "l");
+
+    auto service = nas_.start();
+    ASSERT_TRUE(live(*service)) << service->err();
+    EXPECT_EQ(nas_.status(), "SYNC_STATE_UP_TO_DATE");
+    EXPECT_EQ(stop(*service), 0);
+
+    EXPECT_EQ(tree_of(nas_.photos),
+              (std::vector<std::string>{"2015/", "2015/a b.jpg", "new/", "new/c'd.jpg"}));
+    EXPECT_EQ(tree_of(nas_.drive),
+              (std::vector<std::string>{"Docs/", "Docs/local.txt", "Docs/plan.txt", "empty"}));
+    EXPECT_EQ(read_file(nas_.photos + "/2015/a b.jpg"), "a photo");
+    EXPECT_EQ(cloud_.get(nas_.cloud_photos + "/new/c%27d.jpg").body, "c");
+    EXPECT_EQ(cloud_.get("/Docs/local.txt").body, "l");
+    EXPECT_EQ(nas_.events(), "SERVICE_START\n"
+                             "LOCAL_ADD " +
+                                 nas_.photos +
+                                 "/2015\n"
+                                 "DOWNLOADING " +
+                                 nas_.photos +
+                                 "/2015/a b.jpg\n"
+                                 "LOCAL_DOWNLOAD " +
+                                 nas_.photos +
+                                 "/2015/a b.jpg\n"
+                                 "LOCAL_ADD " +
+                                 nas_.drive +
+                                 "/Docs\n"
+                                 "DOWNLOADING " +
+                                 nas_.drive +
+                                 "/Docs/plan.txt\n"
+                                 "LOCAL_DOWNLOAD " +
+                                 nas_.drive +
+                                 "/Docs/plan.txt\n"
+                                 "DOWNLOADING " +
+                                 nas_.drive +
+                                 "/empty\n"
+                                 "LOCAL_DOWNLOAD " +
+                                 nas_.drive +
+                                 "/empty\n"
+                                 "SERVER_ADD " +
+                                 nas_.cloud_photos +
+                                 "/new\n"
+                                 "UPLOADING " +
+                                 nas_.photos +
+                                 "/new/c'd.jpg\n"
+                                 "SERVER_UPLOAD " +
+                                 nas_.cloud_photos +
+                                 "/new/c'd.jpg\n"
+                                 "UPLOADING " +
+                                 nas_.drive +
+                                 "/Docs/local.txt\n"
+                                 "SERVER_UPLOAD /Docs/local.txt\n"
+                                 "SERVICE_STOP\n");
+
+    cloud_.forget_requests();
+    service = nas_.start();
+    ASSERT_TRUE(live(*service)) << service->err();
+    EXPECT_EQ(stop(*service), 0);
+    EXPECT_EQ(cloud_.count("PUT|PATCH", "."), 0);
+    EXPECT_EQ(cloud_.count("POST", "nodes"), 0);
+    EXPECT_EQ(cloud_.count("GET", "content"), 0);
+    EXPECT_EQ(cloud_.count("GET", "children"), 0) << "every look-up is the cache's";
+}
+
+TEST_F(EndToEnd, LocalChangesGoUpAtOnce)
+{
+    auto service = nas_.start();
+    ASSERT_TRUE(live(*service)) << service->err();
+    time_t soon = time(nullptr) + 5;
+
+    write_file(nas_.photos + "/one.txt", "1");
+    EXPECT_TRUE(eventually([&] { return cloud_.get(nas_.cloud_photos + "/one.txt").body == "1"; }));
+    write_file(nas_.photos + "/one.txt", "2", soon);
+    EXPECT_TRUE(eventually([&] { return cloud_.get(nas_.cloud_photos + "/one.txt").body == "2"; }));
+    fs::rename(nas_.photos + "/one.txt", nas_.photos + "/two.txt");
+    EXPECT_TRUE(eventually([&] { return cloud_.get(nas_.cloud_photos + "/two.txt").body == "2"; }));
+    fs::rename(nas_.photos + "/two.txt", nas_.drive + "/three.txt");
+    EXPECT_TRUE(eventually([&] { return cloud_.get("/three.txt").body == "2"; }));
+
+    fs::create_directories(nas_.volume + "/outside/in/deep");
+    write_file(nas_.volume + "/outside/in/deep/f", "f");
+    fs::rename(nas_.volume + "/outside", nas_.drive + "/tree");
+    EXPECT_TRUE(eventually([&] { return cloud_.get("/tree/in/deep/f").body == "f"; }));
+    fs::rename(nas_.drive + "/tree", nas_.photos + "/tree");
+    EXPECT_TRUE(eventually([&] { return cloud_.has(nas_.cloud_photos + "/tree/in/deep/f"); }));
+    write_file(nas_.photos + "/tree/in/later", "under its new name");
+    EXPECT_TRUE(eventually([&] { return cloud_.has(nas_.cloud_photos + "/tree/in/later"); }));
+
+    fs::remove_all(nas_.photos + "/tree");
+    fs::remove(nas_.drive + "/three.txt");
+    EXPECT_TRUE(
+        eventually([&] { return !cloud_.has(nas_.cloud_photos + "/tree") && !cloud_.has("/three.txt"); }));
+    EXPECT_EQ(cloud_.count("POST", "nodes$"), 2 + 3 + 3) << "two root folders, tree, three files, each once";
+
+    EXPECT_TRUE(eventually([&] { return nas_.status() == "SYNC_STATE_UP_TO_DATE"; }));
+    EXPECT_EQ(stop(*service), 0);
+}
+
+TEST_F(EndToEnd, CloudChangesComeDown)
+{
+    cloud_.put("/a.txt", "a");
+    cloud_.put("/folder/b.txt", "b");
+    auto service = nas_.start();
+    ASSERT_TRUE(live(*service)) << service->err();
+
+    later();
+    cloud_.put("/new/c.txt", "c");
+    EXPECT_TRUE(eventually([&] { return read_file(nas_.drive + "/new/c.txt") == "c"; }));
+    later();
+    cloud_.put("/a.txt", "a changed");
+    EXPECT_TRUE(eventually([&] { return read_file(nas_.drive + "/a.txt") == "a changed"; }));
+    cloud_.forget_requests();
+    later();
+    cloud_.rename("/a.txt", "A2.txt");
+    cloud_.rename("/folder", "folder2");
+    EXPECT_TRUE(
+        eventually([&] { return exists(nas_.drive + "/A2.txt") && exists(nas_.drive + "/folder2/b.txt"); }));
+    later();
+    cloud_.move("/A2.txt", nas_.cloud_photos);
+    cloud_.move("/folder2", "/new");
+    EXPECT_TRUE(eventually(
+        [&] { return exists(nas_.photos + "/A2.txt") && exists(nas_.drive + "/new/folder2/b.txt"); }));
+    EXPECT_EQ(cloud_.count("GET", "content"), 0) << "renames and moves download nothing";
+    later();
+    cloud_.trash(nas_.cloud_photos + "/A2.txt");
+    cloud_.trash("/new");
+    EXPECT_TRUE(eventually([&] { return !exists(nas_.photos + "/A2.txt") && !exists(nas_.drive + "/new"); }));
+
+    EXPECT_EQ(tree_of(nas_.volume), (std::vector<std::string>{"AmazonCloudDrive/", "Photos/"}));
+    EXPECT_EQ(cloud_.count("PUT", "trash"), 0) << "what came from the cloud is not sent back";
+    EXPECT_EQ(cloud_.count("PATCH", "."), 0);
+    EXPECT_EQ(stop(*service), 0);
+}
+
+TEST_F(EndToEnd, AStopDuringTheDownloadLeavesTheUploadOut)
+{
+    cloud_.put("/big.txt", "slow to come");
+    write_file(nas_.drive + "/local.txt", "l");
+    cloud_.fail(
+        {{"method", "GET"}, {"path", "content"}, {"times", 1}, {"action", "delay"}, {"delay_ms", 1000}});
+    auto service = nas_.start();
+    ASSERT_TRUE(eventually([&] { return nas_.events().find("DOWNLOADING") != std::string::npos; }));
+    EXPECT_EQ(nas_.status(), "SYNC_STATE_SYNCING");
+    EXPECT_EQ(stop(*service), 0);
+    EXPECT_EQ(read_file(nas_.drive + "/big.txt"), "slow to come") << "nothing in progress is interrupted";
+    EXPECT_FALSE(cloud_.has("/local.txt"));
+    EXPECT_EQ(nas_.status(), "SYNC_STATE_UP_TO_DATE");
+    EXPECT_NE(nas_.events().find("SERVICE_STOP"), std::string::npos);
+}
+
+TEST_F(EndToEnd, AStopDuringTheUploadFinishesIt)
+{
+    write_file(nas_.drive + "/1.txt", "1");
+    write_file(nas_.drive + "/2.txt", "2");
+    auto service = nas_.start({"KXTEST_UPSYNC_ENTRY_MS=300"});
+    ASSERT_TRUE(eventually([&] { return cloud_.has("/1.txt"); }));
+    EXPECT_EQ(stop(*service), 0);
+    EXPECT_TRUE(cloud_.has("/2.txt"));
+    EXPECT_EQ(service->err().find("watch_folder("), std::string::npos) << "live syncing was not begun";
+}
+
+TEST_F(EndToEnd, AStopWhileLiveEndsWithALastPassThatOwesNothing)
+{
+    auto service = nas_.start();
+    ASSERT_TRUE(live(*service)) << service->err();
+    std::string before = service->err();
+    EXPECT_EQ(stop(*service), 0);
+    std::string after = service->err().substr(before.size());
+    EXPECT_NE(after.find("Skip full upsync because it was done already! " + nas_.drive + " ===> /"),
+              std::string::npos)
+        << after;
+    EXPECT_NE(after.find("Exit from service()"), std::string::npos);
+}
+
+TEST_F(EndToEnd, StartUpFailuresHaveTheirStatus)
+{
+    fs::remove(nas_.root + "/etc/brisal/amazon/config.xml");
+    auto service = nas_.start();
+    EXPECT_EQ(service->wait(), 1);
+    EXPECT_NE(service->err().find("service: Failed to read configuration!\n"), std::string::npos);
+
+    nas_.settings("AMAZONDRIVE_PROVISION=00\n");
+    service = nas_.start();
+    EXPECT_EQ(service->wait(), 255);
+    EXPECT_NE(service->err().find("Not provisioned\n"), std::string::npos);
+    EXPECT_NE(nas_.events().find("SERVICE_START\n"), std::string::npos);
+}
+
+TEST_F(EndToEnd, WithoutADefaultVolumeTheSharesAreStillInStep)
+{
+    fs::remove(nas_.root + "/etc/brisal/account.conf");
+    cloud_.put("/not for here.txt", "x");
+    cloud_.put(nas_.cloud_photos + "/for here.txt", "x");
+    auto service = nas_.start();
+    ASSERT_TRUE(live(*service)) << service->err();
+    EXPECT_EQ(stop(*service), 0);
+    EXPECT_NE(service->err().find("Failed to get default volume from account.conf\n"), std::string::npos);
+    EXPECT_EQ(tree_of(nas_.volume),
+              (std::vector<std::string>{"AmazonCloudDrive/", "Photos/", "Photos/for here.txt"}));
+}
+
+TEST_F(EndToEnd, AMissingDefaultFolderIsMadeWithTheShareTool)
+{
+    fs::remove(nas_.drive);
+    std::string tool = nas_.root + "/bin/vz_nml";
+    write_file(tool, "#!/bin/sh\necho \"$@\" >" + nas_.root + "/asked\nmkdir -p '" + nas_.drive + "'\n");
+    fs::permissions(tool, fs::perms::owner_all);
+    write_file(nas_.root + "/etc/brisal/amazon/status.xml",
+               "<ACDStatus><LastSync>5</LastSync><LastSync>1433160000</LastSync></ACDStatus>");
+    cloud_.fail({{"method", "GET"}, {"path", "quota"}, {"times", 1}, {"status", 403}});
+    auto service = nas_.start({"PATH=" + nas_.root + "/bin:/usr/bin:/bin"});
+    EXPECT_EQ(service->wait(), 1) << "no quota, no start";
+    EXPECT_NE(service->err().find("Failed to initialize ACD filesystem!\n"), std::string::npos);
+    EXPECT_EQ(read_file(nas_.root + "/asked"), "-a share:/" + nas_.name() + "/AmazonCloudDrive\n");
+    EXPECT_TRUE(exists(nas_.drive));
+    EXPECT_NE(read_file(nas_.root + "/etc/brisal/amazon/status.xml").find("<LastSync>1433160000<"),
+              std::string::npos);
+}
+
+TEST_F(EndToEnd, TokensAreRenewedWhenTheCloudAsks)
+{
+    auto service = nas_.start();
+    ASSERT_TRUE(live(*service)) << service->err();
+    cloud_.expire_token();
+    write_file(nas_.drive + "/after.txt", "a");
+    EXPECT_TRUE(eventually([&] { return cloud_.has("/after.txt"); }));
+    EXPECT_EQ(cloud_.count("POST", "o2/token"), 1);
+    EXPECT_EQ(stop(*service), 0);
+}
