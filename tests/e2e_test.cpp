@@ -246,8 +246,7 @@ TEST_F(EndToEnd, AStopDuringTheDownloadLeavesTheUploadOut)
 {
     cloud_.put("/big.txt", "slow to come");
     write_file(nas_.drive + "/local.txt", "l");
-    cloud_.fail(
-        {{"method", "GET"}, {"path", "content"}, {"times", 1}, {"action", "delay"}, {"delay_ms", 1000}});
+    cloud_.fail({{"method", "GET"}, {"path", "content"}, {"delay_ms", 1000}});
     auto service = nas_.start();
     ASSERT_TRUE(eventually([&] { return nas_.events().find("DOWNLOADING") != std::string::npos; }));
     EXPECT_EQ(nas_.status(), "SYNC_STATE_SYNCING");
@@ -317,7 +316,7 @@ TEST_F(EndToEnd, AMissingDefaultFolderIsMadeWithTheShareTool)
     fs::permissions(tool, fs::perms::owner_all);
     write_file(nas_.root + "/etc/brisal/amazon/status.xml",
                "<ACDStatus><LastSync>5</LastSync><LastSync>1433160000</LastSync></ACDStatus>");
-    cloud_.fail({{"method", "GET"}, {"path", "quota"}, {"times", 1}, {"status", 403}});
+    cloud_.fail({{"method", "GET"}, {"path", "quota"}, {"status", 403}});
     auto service = nas_.start({"PATH=" + nas_.root + "/bin:/usr/bin:/bin"});
     EXPECT_EQ(service->wait(), 1) << "no quota, no start";
     EXPECT_NE(service->err().find("Failed to initialize ACD filesystem!\n"), std::string::npos);

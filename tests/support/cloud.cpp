@@ -160,6 +160,16 @@ void cloud::fail(const json& fault) const
     order(url_, "POST", "/control/faults", fault.dump());
 }
 
+void cloud::set_clock_offset(int seconds) const
+{
+    order(url_, "POST", "/control/clock", json{{"offset_ms", seconds * 1000}}.dump());
+}
+
+void cloud::edit(const json& change) const
+{
+    order(url_, "POST", "/control/node", change.dump());
+}
+
 void cloud::expire_token() const
 {
     order(url_, "POST", "/control/expire");

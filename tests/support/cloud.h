@@ -44,6 +44,8 @@ public:
     // {"method":"GET","path":"^/nodes/","times":1,"status":500,"body":"..."}; see cloud/README.md.
     void fail(const nlohmann::json& fault) const;
     void expire_token() const;
+    void set_clock_offset(int seconds) const;      // the server's time ahead of ours
+    void edit(const nlohmann::json& change) const; // e.g. {"path":"/a","modifiedDate":"2015-06-01T12:00:00Z"}
     nlohmann::json
     requests() const; // drive requests only: method, path, query, headers, body, body_size, status
     void forget_requests() const;
