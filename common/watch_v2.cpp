@@ -26,8 +26,11 @@ std::unique_ptr<watches> init_watches(const char* folder, dev_t dev)
         LOG_ERROR("%s: Failed to call inotify_init(). errno=%d\n", __func__, errno);
         return nullptr;
     }
-    return std::unique_ptr<watches>(
-        new watches{std::move(inotify), folder, dev, 0, nullptr, nullptr, nullptr, {}});
+    auto set = std::make_unique<watches>();
+    set->inotify = std::move(inotify);
+    set->root_path = folder;
+    set->dev = dev;
+    return set;
 }
 
 // What select answers; *ready then holds the instances that have events.

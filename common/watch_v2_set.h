@@ -33,27 +33,27 @@ typedef int (*watch_notify_move_t)(const char* old_path, const char* new_path, w
 
 // One watched folder.
 struct watch {
-    int wd;
+    int wd = -1;
     std::string path; // absolute
-    watch* prev;
-    watch* next;
+    watch* prev = nullptr;
+    watch* next = nullptr;
 };
 
 // One root folder with the watches of its tree, listed in the order in which they were added.
 struct watches {
     fd_owner inotify;
     std::string root_path;
-    dev_t dev;          // device of the root folder
-    uint64_t num_watch; // watches in the list
-    watch* head;
-    watch* tail;
-    watches* next;
+    dev_t dev = 0;          // device of the root folder
+    uint64_t num_watch = 0; // watches in the list
+    watch* head = nullptr;
+    watch* tail = nullptr;
+    watches* next = nullptr;
     std::unordered_map<int, watch> by_wd; // owns the watches
 };
 
 struct watches_list_t {
-    watches* head;
-    watches* tail;
+    watches* head = nullptr;
+    watches* tail = nullptr;
 };
 
 // The watch of that descriptor; null when the root has none.
