@@ -70,9 +70,9 @@ struct acd_changes_t {
 const char* acd_enum_kind_to_string(acd_node_kind_t kind);
 const char* acd_enum_status_to_string(acd_node_status_t status);
 
-// The value of a service text; an unknown text is logged and gives UNKNOWN.
-acd_node_kind_t acd_string_to_enum_kind(const char* text);
-acd_node_status_t acd_string_to_enum_status(const char* text);
+// The value of a service text; an unknown text is logged under the caller's name and gives UNKNOWN.
+acd_node_kind_t acd_string_to_enum_kind(const char* text, const char* caller = __builtin_FUNCTION());
+acd_node_status_t acd_string_to_enum_status(const char* text, const char* caller = __builtin_FUNCTION());
 
 // The time in UTC as 2015-06-01T12:00:00Z, in one of two static buffers used in turn: two results may stand
 // in one log call, a third overwrites the first.

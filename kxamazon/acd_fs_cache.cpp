@@ -1,0 +1,215 @@
+#include "kxamazon/acd_fs_cache.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <unistd.h>
+
+#include "common/constants.h"
+#include "common/utils.h"
+#include "kxamazon/sqlite_utils.h"
+
+namespace
+{
+
+constexpr int SCHEMA_VERSION = 1;
+
+struct acd_cache_schema_t {
+    const char* table;
+    const char* create_sql;
+    const char* reset_sql; // null: the table is never emptied
+};
+
+constexpr acd_cache_schema_t schema[] = {
+    {"version", "CREATE TABLE IF NOT EXISTS `version` (`schema_version` INT PRIMARY KEY NOT NULL)", nullptr},
+    {"node",
+     "CREATE TABLE IF NOT EXISTS `node`(`id` VARCHAR PRIMARY KEY NOT NULL, `name` VARCHAR NOT NULL COLLATE "
+     "NOCASE, `kind` VARCHAR NOT NULL COLLATE NOCASE, `md5` VARCHAR, `status` VARCHAR, `created` DATETIME "
+     "NOT NULL, `modified` DATETIME NOT NULL, `size` UNSIGNED BIG INT NOT NULL, `timestamp` DATETIME DEFAULT "
+     "CURRENT_TIMESTAMP)",
+     "DELETE FROM node"},
+    {"parents",
+     "CREATE TABLE IF NOT EXISTS `parents`(`node_id` VARCHAR PRIMARY KEY NOT NULL, `parent_id` VARCHAR NOT "
+     "NULL, UNIQUE(node_id, parent_id))",
+     "DELETE FROM parents"},
+    {"sync_folders",
+     "CREATE TABLE IF NOT EXISTS `sync_folders`(`id` INTEGER PRIMARY KEY, `local_drive_path` VARCHAR NOT "
+     "NULL, `cloud_drive_path` VARCHAR NOT NULL, `need_full_downsync` INT NOT NULL, `need_full_upsync` INT "
+     "NOT NULL, UNIQUE(local_drive_path, cloud_drive_path))",
+     "DELETE FROM sync_folders"},
+    {"renamed_node",
+     "CREATE TABLE IF NOT EXISTS `renamed_node`(`id` VARCHAR PRIMARY KEY NOT NULL, `name` VARCHAR NOT NULL "
+     "COLLATE NOCASE, `kind` VARCHAR NOT NULL COLLATE NOCASE, `md5` VARCHAR, `status` VARCHAR, `created` "
+     "DATETIME NOT NULL, `modified` DATETIME NOT NULL, `size` UNSIGNED BIG INT NOT NULL, `timestamp` "
+     "DATETIME DEFAULT CURRENT_TIMESTAMP)",
+     "DELETE FROM renamed_node"},
+    {"moved_node",
+     "CREATE TABLE IF NOT EXISTS `moved_node`(`id` VARCHAR PRIMARY KEY NOT NULL, `old_path` VARCHAR NOT NULL "
+     "COLLATE NOCASE)",
+     "DELETE FROM moved_node"},
+};
+
+// One handle for the process. No owner closes it at exit: a forked child that exits must leave the parent's
+// database alone, and an unclosed one is as safe as after a crash.
+sqlite3* s_db = nullptr;
+
+// What makes the statements fast and whole; none of it changes what they mean.
+constexpr char tuning_sql[] = "PRAGMA journal_mode=WAL;"
+                              "PRAGMA synchronous=NORMAL;"
+                              "PRAGMA cache_size=-4096;";
+
+constexpr char index_sql[] =
+    // A child is looked up by its name: a folder may hold far more nodes than ever bear one name.
+    "CREATE INDEX IF NOT EXISTS `node_by_name` ON `node`(`name`, `status`, `id`);"
+    "CREATE INDEX IF NOT EXISTS `trash_node` ON `node`(`id`) WHERE status='TRASH' OR status='PURGED'";
+
+using sqlite_ptr = owner<sqlite3, sqlite3_close>;
+
+void delete_db_file()
+{
+    // The log goes first: left behind, it would be replayed into the new database.
+    for (const char* suffix : {"-wal", "-shm", "-journal", ""})
+        unlink((std::string(kx_cache_path) + suffix).c_str());
+}
+
+int try_open(const char* path, sqlite_ptr& db)
+{
+    int rc = sqlite3_open_v2(path, out(db),
+                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
+    if (rc != SQLITE_OK)
+        db.reset();
+    return rc;
+}
+
+int __open_db(int in_memory, sqlite_ptr& db)
+{
+    if (in_memory)
+        return try_open(":memory:", db);
+    mkdir_p(std::string(kx_cache_path, std::strrchr(kx_cache_path, '/')).c_str(), 0755);
+    int rc = try_open(kx_cache_path, db);
+    if (rc == SQLITE_OK)
+        return rc;
+    LOG_ERROR("%s: Failed to open db! %d\nDelete the db file and try again!\n", __func__, rc);
+    delete_db_file();
+    rc = try_open(kx_cache_path, db);
+    if (rc != SQLITE_OK)
+        LOG_ERROR("%s: Failed to open db after retry! %d\n", __func__, rc);
+    return rc;
+}
+
+// Replaces a database of another schema version, or one that cannot be read, by an empty one.
+int upgrade_db(int in_memory, sqlite_ptr& db)
+{
+    int version = 0;
+    int rc =
+        sql_get_int_mprintf(db.get(), SQL_HERE, &version, nullptr, "SELECT `schema_version` FROM `version`");
+    if (rc == SQLITE_OK && version == SCHEMA_VERSION)
+        return SQLITE_OK;
+    LOG_INFO("Incompatible schema (v%d) is detected. Drop the database for v%d!\n", version, SCHEMA_VERSION);
+    db.reset();
+    if (!in_memory)
+        delete_db_file();
+    return __open_db(in_memory, db);
+}
+
+// A new file with this content, on the disk when it answers true.
+bool write_durably(const char* path, const char* content)
+{
+    file_ptr file(std::fopen(path, "w"));
+    return file && std::fputs(content, file.get()) >= 0 && std::fflush(file.get()) == 0 &&
+           fdatasync(fileno(file.get())) == 0;
+}
+
+bool init_schema(sqlite3* db)
+{
+    // Without these the cache is slow but right; what fails here is logged.
+    sqlite3_db_config(db, SQLITE_DBCONFIG_DQS_DML, 1, nullptr);
+    sql_exec(db, SQL_HERE, tuning_sql);
+    for (const auto& row : schema) {
+        if (sql_exec(db, SQL_HERE, row.create_sql) != SQLITE_OK) {
+            LOG_ERROR("%s: Failed to init table %s, create_sql = %s!\n", __func__, row.table, row.create_sql);
+            return false;
+        }
+    }
+    return sql_exec(db, SQL_HERE, index_sql) == SQLITE_OK &&
+           sql_exec_mprintf(db, SQL_HERE, "INSERT or REPLACE INTO `version` (`schema_version`) VALUES(%d)",
+                            SCHEMA_VERSION) == SQLITE_OK;
+}
+
+} // namespace
+
+acd_cache_error_t acd_cache_init(int in_memory)
+{
+    acd_cache_deinit();
+    // Refused once SQLite runs, which is harmless: it stays as the first call set it.
+    sqlite3_config(SQLITE_CONFIG_SERIALIZED);
+    sqlite_ptr db;
+    if (int rc = __open_db(in_memory, db)) {
+        LOG_ERROR("%s: Failed to open db! %d\n", __func__, rc);
+        return ACD_CACHE_ERR_DB_ERROR;
+    }
+    if (int rc = upgrade_db(in_memory, db)) {
+        LOG_ERROR("%s: Failed to upgrade db! %d\n", __func__, rc);
+        return ACD_CACHE_ERR_DB_ERROR;
+    }
+    if (!init_schema(db.get()))
+        return ACD_CACHE_ERR_DB_ERROR;
+    s_db = db.release();
+    LOG_INFO("Cache: Initialized schema successfully!\n");
+    return ACD_CACHE_ERR_OK;
+}
+
+acd_cache_error_t acd_cache_deinit()
+{
+    if (int rc = sqlite3_close(s_db)) {
+        LOG_ERROR("%s: Failed to close database! %d\n", __func__, rc);
+        return ACD_CACHE_ERR_DB_ERROR;
+    }
+    s_db = nullptr;
+    return ACD_CACHE_ERR_OK;
+}
+
+acd_cache_error_t acd_cache_reset()
+{
+    if (!s_db)
+        return ACD_CACHE_ERR_INVALID_ARGUMENTS;
+    for (const auto& row : schema) {
+        if (row.reset_sql && sql_exec(s_db, SQL_HERE, row.reset_sql) != SQLITE_OK) {
+            LOG_ERROR("%s: Failed to reset table %s, reset_sql = %s!\n", __func__, row.table, row.reset_sql);
+            return ACD_CACHE_ERR_DB_ERROR;
+        }
+    }
+    return ACD_CACHE_ERR_OK;
+}
+
+sqlite3* acd_cache_db()
+{
+    return s_db;
+}
+
+char* acd_cache_get_checkpoint()
+{
+    file_ptr file(std::fopen(ACD_FS_CHECKPOINT, "r"));
+    if (!file) {
+        LOG_ERROR("%s: Failed to open %s for reading!\n", __func__, ACD_FS_CHECKPOINT);
+        return nullptr;
+    }
+    string_ptr checkpoint;
+    int count = std::fscanf(file.get(), "%ms", static_cast<char**>(out(checkpoint)));
+    // After a power cut some file systems leave zero bytes, which pass for a token.
+    return count == 1 && checkpoint && *checkpoint ? checkpoint.release() : nullptr;
+}
+
+void acd_cache_cache_checkpoint(const char* checkpoint)
+{
+    if (!checkpoint)
+        return;
+    // After a power cut the feed must not go on from behind what the cache still knows.
+    if (s_db)
+        sqlite3_wal_checkpoint_v2(s_db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    std::string path = std::string(ACD_FS_CHECKPOINT) + ".new";
+    if (!write_durably(path.c_str(), checkpoint) || std::rename(path.c_str(), ACD_FS_CHECKPOINT) != 0) {
+        LOG_ERROR("%s: Failed to open %s for writing!\n", __func__, ACD_FS_CHECKPOINT);
+        unlink(path.c_str());
+    }
+}
