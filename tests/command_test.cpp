@@ -61,7 +61,9 @@ struct command : testing::Test {
 
 TEST_F(command, ChecksItsWords)
 {
-    string folder = new_folder(), small = folder + "/small", big = folder + "/big", none = folder + "/none";
+    string folder = new_folder(), json_path = folder + "/j", small = folder + "/small", big = folder + "/big",
+           none = folder + "/none";
+    write_file(json_path, "[true]");
     write_file(small, string(150000, 'x'));
     write_file(big, string(150001, 'x'));
     const string two = "error: Cannot specify two remote_path\n", option = "error: Unknown option -",
@@ -112,6 +114,8 @@ TEST_F(command, ChecksItsWords)
         EXPECT_EQ(answer.log, row.log) << row.line;
         EXPECT_EQ(answer.shown, "") << row.line;
     }
+    EXPECT_EQ(call("dump-json " + json_path).shown,
+              "=== dump json begin ===\nArray:" + json_path + " [\n  Boolean: 1\n]\n=== dump json end ===\n");
 }
 
 TEST_F(command, RefusesAWrongCallAndAMissingAccount)
@@ -132,14 +136,6 @@ TEST_F(command, RefusesAWrongCallAndAMissingAccount)
         EXPECT_EQ(answer.log.find("error: Not provisioned\n") == string::npos,
                   row.name == "get" || row.name == "dump-json");
     }
-}
-
-TEST_F(command, DumpsAJsonFile)
-{
-    string path = new_folder() + "/x.json";
-    write_file(path, "[true]");
-    EXPECT_EQ(call("dump-json " + path).shown,
-              "=== dump json begin ===\nArray:" + path + " [\n  Boolean: 1\n]\n=== dump json end ===\n");
 }
 
 TEST_F(command, ShowsTheAccount)
