@@ -102,7 +102,7 @@ void read_mode_and_serial(xmlNode* root)
 }
 
 // A pair of copies of both paths that owes both full passes.
-sync_pair_entry_ptr make_pair(const char* local_path, const char* cloud_path)
+sync_pair_entry_ptr new_pair(const char* local_path, const char* cloud_path)
 {
     sync_pair_entry_ptr pair(acd_sync_create_sync_pair_entry());
     pair->local_drive_path = safe_strdup(local_path);
@@ -128,7 +128,7 @@ sync_pair_entry_ptr read_share(const xmlNode* share)
         return nullptr;
     }
     string_ptr cloud_path(asprintf_str("%s/%s", get_nas_drive_root_path(), slash + 1));
-    return make_pair(local_path, cloud_path.get());
+    return new_pair(local_path, cloud_path.get());
 }
 
 sync_pair_list_ptr read_configuration()
@@ -205,7 +205,7 @@ sync_pair_list_ptr load_sync_pairs()
     sync_pair_list_ptr list = read_configuration();
     if (global.default_vol)
         acd_sync_sync_pair_list_insert_tail(list.get(),
-                                            make_pair(global.amazon_default_folder, "/").release());
+                                            new_pair(global.amazon_default_folder, "/").release());
 
     if (acd_cache_error_t rc = acd_cache_load_sync_pair_config(list.get()); rc != ACD_CACHE_ERR_OK)
         LOG_ERROR("%s: Failed to load sync pair configuration! %d\n", "service", rc);
