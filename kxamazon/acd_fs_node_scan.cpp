@@ -157,23 +157,29 @@ void apply_changes(const acd_changes_t& changes, const change_handler_t& handler
         handler.on_checkpoint(changes.checkpoint);
 }
 
-feed_next_t apply_line(const char* line, const change_handler_t& handler, feed_t& feed)
+// What a line holds; a chunk comes back in changes. The line's JSON is gone before the chunk is applied.
+feed_next_t read_line(const char* line, feed_t& feed, changes_ptr& changes)
 {
-    changes_ptr changes;
-    {
-        json_text json(line);
-        if (!json.object())
-            return stop(feed, ACD_FS_ERR_INVALID_RESPONSE);
-        if (json_object_get_boolean(json.object(), "end") == 1) {
-            LOG_DEBUG("%s: Reach to the end.\n", scan_changes);
-            return feed_next_t::request;
-        }
-        changes = __parse_changes(json.object());
+    json_text json(line);
+    if (!json.object())
+        return stop(feed, ACD_FS_ERR_INVALID_RESPONSE);
+    if (json_object_get_boolean(json.object(), "end") == 1) {
+        LOG_DEBUG("%s: Reach to the end.\n", scan_changes);
+        return feed_next_t::request;
     }
+    changes = __parse_changes(json.object());
     if (!changes) {
         LOG_ERROR("Failed to parse changes!\n");
         return stop(feed, ACD_FS_ERR_INVALID_RESPONSE);
     }
+    return feed_next_t::line;
+}
+
+feed_next_t apply_line(const char* line, const change_handler_t& handler, feed_t& feed)
+{
+    changes_ptr changes;
+    if (auto next = read_line(line, feed, changes); next != feed_next_t::line)
+        return next;
     LOG_DEBUG("%s: [intermediate] checkpoint %s ---> %s\n", scan_changes, feed.checkpoint.c_str(),
               changes->checkpoint);
     feed.checkpoint = changes->checkpoint;
