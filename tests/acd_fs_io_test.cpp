@@ -1,0 +1,371 @@
+#include "kxamazon/acd_fs_io.h"
+
+#include <chrono>
+#include <functional>
+#include <gmock/gmock.h>
+#include <set>
+
+#include "common/owners.h"
+#include "common/utils.h"
+#include "kxamazon/global.h"
+#include "support/cloud.h"
+#include "support/support.h"
+
+using kxtest::log_of;
+using nlohmann::json;
+using std::string;
+using testing::HasSubstr;
+
+namespace
+{
+
+int occurrences(const string& text, const string& part)
+{
+    int count = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != string::npos; at += part.size())
+        ++count;
+    return count;
+}
+
+// Counts in the log, since an attempt that fails early leaves no request.
+int attempts(const string& log)
+{
+    return occurrences(log, "Starting io read write, retry = ");
+}
+
+void forget(const char*& text)
+{
+    std::free(const_cast<char*>(text));
+    text = nullptr;
+}
+
+// The service, an engine that gives up after its first repetition, and a folder for local files.
+class acd_fs_io : public testing::Test
+{
+protected:
+    acd_fs_io()
+    {
+        cloud.connect();
+        acd_io_init_session()->retry = 1;
+    }
+    ~acd_fs_io() override { acd_io_init_session()->retry = 0; }
+
+    // One request for the node x; the log of it.
+    string get_x()
+    {
+        std::free(std::exchange(reply.buf, nullptr));
+        return log_of([&] { rc = acd_io_get_node_metadata("x", &reply); });
+    }
+
+    void answer(int status, const string& body, int times = 1)
+    {
+        cloud.fail({{"times", times}, {"status", status}, {"body", body}});
+    }
+
+    json last_request() { return cloud.requests().back(); }
+    string id_of(const string& path) { return cloud.stat(path)["id"]; }
+
+    string download(const char* id)
+    {
+        file_ptr fp(std::fopen(local.c_str(), "w"));
+        string log = log_of([&] { rc = acd_io_download_file(id, fp.get()); });
+        fp.reset();
+        return log;
+    }
+
+    kxtest::cloud cloud;
+    reply_t reply;
+    acd_fs_error_t rc = ACD_FS_ERR_OK;
+    string local = kxtest::new_folder() + "/a.bin";
+};
+
+} // namespace
+
+TEST_F(acd_fs_io, acts_on_every_status)
+{
+    struct {
+        int status, attempts, result;
+        bool known_action, known_result;
+    } rows[] = {
+        {200, 1, 0, true, true},   {201, 1, 0, true, true},   {400, 1, 1, true, true},
+        {401, 2, 5, true, true},   {403, 1, 3, true, true},   {404, 1, 4, true, true},
+        {405, 1, 1, true, true},   {409, 1, 6, true, true},   {411, 1, 1, true, true},
+        {412, 1, 1, true, false},  {429, 2, 100, true, true}, {500, 2, 100, true, true},
+        {503, 2, 100, true, true}, {504, 2, 2, true, true},   {202, 1, 1, false, false},
+        {204, 1, 1, false, false}, {302, 1, 1, false, false}, {502, 1, 1, false, false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.status);
+        string status = std::to_string(row.status);
+        answer(row.status, row.status == 204 ? "" : R"({"Message":"why"})", row.attempts);
+        cloud.forget_requests();
+        string log = get_x();
+        EXPECT_EQ(rc, row.result);
+        EXPECT_EQ(cloud.count("GET", "/nodes/x"), row.attempts);
+        EXPECT_EQ(reply.buf == nullptr, row.result != 0);
+        EXPECT_EQ(occurrences(log, "ACD Error " + status + ": [ERROR_MSG]: why\n"),
+                  row.result && row.status != 204 ? row.attempts : 0);
+        EXPECT_EQ(occurrences(log, "ACD Error: Unknown status_code " + status + "."), !row.known_action);
+        EXPECT_EQ(occurrences(log, "Unhandled status code " + status + "."), !row.known_result);
+        EXPECT_EQ(occurrences(log, "__acd_io_read_buffer: acd io read buffer error! url = "),
+                  row.result != 0);
+    }
+    g_nosystemd = 1;
+    EXPECT_EXIT(__acd_io_get_http_error_action(200), testing::ExitedWithCode(1), "Should NOT pass in 200");
+}
+
+TEST_F(acd_fs_io, repeats_transient_transfer_errors_only)
+{
+    const std::set<int> transient = {5, 6, 7, 28, 35, 55, 56, 81};
+    for (int code = 1; code < CURL_LAST; ++code)
+        EXPECT_EQ(__acd_io_get_curl_error_action(static_cast<CURLcode>(code)), transient.count(code)) << code;
+
+    struct {
+        const char* url; // null: the service with the fault
+        json fault;
+        int code, attempts;
+    } rows[] = {
+        {"http://127.0.0.1:1/", {}, 7, 2},
+        {"http://no-such-host.invalid/", {}, 6, 2},
+        {"nosuch://host/", {}, 1, 1},
+        {"", {}, 3, 1},
+        {nullptr, {{"reset", true}, {"drop", true}, {"times", 2}}, 56, 2},
+        {nullptr, {{"drop", true}}, 52, 1},
+        {nullptr, {{"status", 200}, {"body", "0123456789"}, {"cut", 4}}, 18, 1},
+        {nullptr, {{"raw", "no HTTP\r\n\r\n"}}, 1, 1},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.url ? row.url : row.fault.dump());
+        if (!row.url)
+            cloud.fail(row.fault);
+        string url = row.url ? row.url : string(global.metadata_url) + "nodes/x";
+        string log = log_of([&] { rc = __acd_io_read_buffer(url.c_str(), nullptr, &reply); });
+        EXPECT_EQ(rc, ACD_FS_IO_ERR_READ_WRITE_ERROR);
+        EXPECT_EQ(attempts(log), row.attempts);
+        EXPECT_THAT(log, HasSubstr("acd io read write error. " + std::to_string(row.code) + ", "));
+        EXPECT_EQ(reply.buf, nullptr);
+    }
+}
+
+TEST_F(acd_fs_io, repeats_up_to_the_limit_and_without_one_for_ever)
+{
+    acd_io_init_session()->retry = 2;
+    answer(503, "", 3);
+    EXPECT_THAT(get_x(), HasSubstr("acd io read write error (100) after retrying 2 times!\n"));
+    EXPECT_EQ(cloud.requests().size(), 3);
+
+    acd_io_init_session()->retry = 0;
+    answer(503, "", 20);
+    answer(200, "{}");
+    EXPECT_EQ(attempts(get_x()), 21);
+    EXPECT_EQ(rc, ACD_FS_ERR_OK);
+    EXPECT_STREQ(reply.buf, "{}");
+}
+
+TEST_F(acd_fs_io, renews_an_expired_token_and_keeps_the_connection)
+{
+    cloud.put("/a.txt", "a");
+    string id = id_of("/a.txt"), old_token = global.token;
+    cloud.expire_token();
+    EXPECT_EQ(acd_io_get_node_metadata(id.c_str(), &reply), ACD_FS_ERR_OK);
+    EXPECT_EQ(json::parse(reply.buf)["name"], "a.txt");
+
+    json requests = cloud.requests();
+    EXPECT_EQ(requests.front()["headers"]["Authorization"], "Bearer " + old_token);
+    EXPECT_EQ(requests.back()["headers"]["Authorization"], string("Bearer ") + global.token);
+    EXPECT_NE(global.token, old_token);
+    EXPECT_EQ(requests.front()["connection"], requests.back()["connection"]);
+}
+
+TEST_F(acd_fs_io, looks_an_absent_base_url_up_once_more)
+{
+    forget(global.metadata_url);
+    answer(200, "{}");
+    get_x();
+    cloud.fail({{"path", "endpoint$"}, {"status", 500}});
+    forget(global.metadata_url);
+    EXPECT_THAT(get_x(), HasSubstr("__acd_io_handle_curl_error: acd io read write error. 3, "));
+    EXPECT_EQ(rc, ACD_FS_IO_ERR_READ_WRITE_ERROR);
+}
+
+TEST_F(acd_fs_io, sends_each_operation_as_the_service_reads_it)
+{
+    string long_token(2000, 't');
+    string cut = "GET /metadata/nodes/P/children?startToken=";
+    cut += long_token.substr(
+        0, 1022 - (string(global.metadata_url).size() + strlen("nodes/P/children?startToken=")));
+    struct {
+        string line, body;
+        std::function<acd_fs_error_t(acd_io_rcvbuf_t*)> call;
+    } rows[] = {
+        {"GET /metadata/nodes/P/children", "",
+         [](auto* r) { return acd_io_get_children_nodes("P", nullptr, nullptr, r); }},
+        {"GET /metadata/nodes/P/children?startToken=T", "",
+         [](auto* r) { return acd_io_get_children_nodes("P", "T", nullptr, r); }},
+        {"GET /metadata/nodes/P/children?filters=F", "",
+         [](auto* r) { return acd_io_get_children_nodes("P", nullptr, "F", r); }},
+        {"GET /metadata/nodes/P/children?startToken=T&filters=F", "",
+         [](auto* r) { return acd_io_get_children_nodes("P", "T", "F", r); }},
+        {cut, "", [&](auto* r) { return acd_io_get_children_nodes("P", long_token.c_str(), "F", r); }},
+        {"GET /metadata/nodes/P/children?filters=name:a%20b%26%C3%A4-._~%25", "",
+         [](auto* r) { return acd_io_get_child_node("P", "a b&\xC3\xA4-._~%", r); }},
+        {"GET /metadata/nodes?filters=isRoot:true", "",
+         [](auto* r) { return acd_io_get_node_with_filter("isRoot:true", r); }},
+        {"GET /metadata/nodes/N", "", [](auto* r) { return acd_io_get_node_metadata("N", r); }},
+        {"POST /metadata/nodes", R"({"name": "a "b"","kind": "FOLDER","parents": ["P"]})",
+         [](auto* r) { return acd_io_create_folder("P", "a \"b\"", r); }},
+        {"PATCH /metadata/nodes/N", R"({"name": "new"})",
+         [](auto* r) { return acd_io_patch_node("N", "new", r); }},
+        {"POST /metadata/nodes/NEW/children", R"({"fromParent": "OLD","childId": "N"})",
+         [](auto* r) { return acd_io_move_node("N", "NEW", "OLD", r); }},
+        {"PUT /metadata/trash/N", "", [](auto* r) { return acd_io_trash_node("N", r); }},
+        {"POST /metadata/changes",
+         R"({"checkpoint": "C","includePurged": "false","chunkSize": 200,"maxNodes": 200})",
+         [](auto* r) { return acd_io_get_changes("C", 200, 200, r); }},
+        {"GET /metadata/account/quota", "", acd_io_get_account_quota},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.line);
+        answer(200, "{}");
+        reply_t text;
+        EXPECT_EQ(row.call(&text), ACD_FS_ERR_OK);
+        json request = last_request();
+        EXPECT_EQ(request["method"].get<string>() + " " + request["target"].get<string>(), row.line);
+        EXPECT_EQ(request["body"], row.body);
+        EXPECT_EQ(request["headers"]["Accept-Encoding"], "gzip");
+        request["headers"].erase("Content-Length");
+        EXPECT_EQ(request["headers"].size(), row.body.empty() ? 4 : 5) << request["headers"];
+        EXPECT_EQ(row.call(nullptr), ACD_FS_ERR_INVALID_ARGUMENTS);
+    }
+}
+
+TEST_F(acd_fs_io, refuses_null_arguments_without_a_request)
+{
+    const acd_fs_error_t results[] = {
+        acd_io_get_children_nodes(nullptr, "T", "F", &reply),
+        acd_io_get_child_node(nullptr, "a", &reply),
+        acd_io_get_child_node("P", nullptr, &reply),
+        acd_io_get_node_with_filter(nullptr, &reply),
+        acd_io_get_node_metadata(nullptr, &reply),
+        acd_io_create_folder(nullptr, "a", &reply),
+        acd_io_create_folder("P", nullptr, &reply),
+        acd_io_download_file(nullptr, stdout),
+        acd_io_download_file("N", nullptr),
+        acd_io_patch_node(nullptr, "a", &reply),
+        acd_io_patch_node("N", nullptr, &reply),
+        acd_io_move_node(nullptr, "A", "B", &reply),
+        acd_io_move_node("N", nullptr, "B", &reply),
+        acd_io_move_node("N", "A", nullptr, &reply),
+        acd_io_trash_node(nullptr, &reply),
+        acd_io_get_changes(nullptr, 2, 1, &reply),
+        acd_io_get_changes("C", 100, 200, &reply),
+    };
+    EXPECT_THAT(results, testing::Each(ACD_FS_ERR_INVALID_ARGUMENTS));
+    EXPECT_TRUE(cloud.requests().empty());
+}
+
+TEST_F(acd_fs_io, uploads_as_a_form_and_again_from_the_start_after_an_error)
+{
+    kxtest::write_file(local, "content");
+    string root = id_of("/");
+    answer(503, "");
+    ASSERT_EQ(acd_io_upload_file(root.c_str(), "b.bin", local.c_str(), &reply), ACD_FS_ERR_OK);
+    EXPECT_EQ(cloud.get("/b.bin").body, "content");
+
+    json request = last_request();
+    EXPECT_EQ(request["method"], "POST");
+    EXPECT_EQ(request["target"], "/content/nodes?suppress=deduplication");
+    string type = request["headers"]["Content-Type"], prefix = "multipart/form-data; boundary=";
+    ASSERT_EQ(type.substr(0, prefix.size()), prefix);
+    string boundary = "--" + type.substr(prefix.size());
+    string file = boundary +
+                  "\r\nContent-Disposition: form-data; name=\"content\"; filename=\"a.bin\"\r\n"
+                  "Content-Type: application/octet-stream\r\n\r\ncontent\r\n" +
+                  boundary + "--\r\n";
+    EXPECT_EQ(request["body"], boundary +
+                                   "\r\nContent-Disposition: form-data; name=\"metadata\"\r\n\r\n"
+                                   R"({"name": "b.bin", "kind": "FILE", "parents": [")" +
+                                   root + "\"]}\r\n" + file);
+
+    string id = id_of("/b.bin");
+    ASSERT_EQ(acd_io_overwrite_file(id.c_str(), local.c_str(), &reply), ACD_FS_ERR_OK);
+    request = last_request();
+    EXPECT_EQ(request["method"], "PUT");
+    EXPECT_EQ(request["target"], "/content/nodes/" + id + "/content");
+    EXPECT_EQ(request["body"].get<string>().size(), file.size()); // the metadata part is gone
+
+    cloud.forget_requests();
+    string log = log_of([&] { rc = acd_io_upload_file("P", "c", "/no/such/file", &reply); });
+    EXPECT_EQ(rc, ACD_FS_IO_ERR_READ_WRITE_ERROR);
+    EXPECT_EQ(attempts(log), 1);
+}
+
+TEST_F(acd_fs_io, uploads_a_big_file_whole_and_without_waiting)
+{
+    string content;
+    for (unsigned i = 0; content.size() < (8 << 20) + 1; ++i)
+        content += std::to_string(i * 2654435761u);
+    kxtest::write_file(local, content);
+    auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(acd_io_upload_file(id_of("/").c_str(), "big", local.c_str(), &reply), ACD_FS_ERR_OK);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
+    EXPECT_EQ(last_request()["headers"]["Content-Length"],
+              std::to_string(last_request()["body_size"].get<size_t>()));
+    EXPECT_TRUE(cloud.get("/big").body == content);
+}
+
+TEST_F(acd_fs_io, a_download_holds_the_content_and_nothing_of_earlier_attempts)
+{
+    string content = string(100000, 'a') + "end";
+    cloud.put("/a.txt", content);
+    string id = id_of("/a.txt");
+    answer(503, content + content);
+    download(id.c_str());
+    EXPECT_EQ(rc, ACD_FS_ERR_OK);
+    EXPECT_EQ(last_request()["target"], "/content/nodes/" + id + "/content");
+    EXPECT_TRUE(kxtest::read_file(local) == content);
+
+    answer(404, R"({"message":"gone"})");
+    EXPECT_EQ(occurrences(download(id.c_str()), "ACD Error 404"), 0);
+    EXPECT_EQ(rc, ACD_FS_ERR_RESOURCE_NOT_FOUND);
+    EXPECT_EQ(kxtest::read_file(local), R"({"message":"gone"})");
+
+    cloud.fail({{"cut", 1000}});
+    download(id.c_str());
+    EXPECT_EQ(rc, ACD_FS_IO_ERR_READ_WRITE_ERROR);
+}
+
+TEST_F(acd_fs_io, follows_the_change_feed_to_its_end)
+{
+    const string c1 = R"({"checkpoint":"c1","nodes":[{}]})", c2 = R"({"checkpoint":"c2","nodes":[{}]})";
+    const string empty = R"({"checkpoint":"c9","nodes":[]})", end = "{\"end\":true}\n";
+    struct {
+        std::vector<string> rounds;
+        int status, result;
+        const char *checkpoint, *log;
+    } rows[] = {
+        {{c1 + "\n" + c2 + "\n" + end, empty + "\n" + end}, 200, 0, "c2", "No more changes."},
+        {{empty + "\n" + end}, 200, 0, "c0", "No more changes."},
+        {{c1 + "\n{\"end\":\"true\"}\n"}, 200, 7, "c1", "Invalid json data!"},
+        {{"{\"nodes\":[]}\n"}, 200, 7, "c0", "Invalid json data!"},
+        {{c1}, 200, 0, "c1", "error: Changes response does not end with {\"end\":\"true\"}\n"},
+        {{c1 + "\n"}, 200, 7, "c1", "error: Mulformed response.\n"},
+        {{""}, 200, 7, "c0", "error: Mulformed response.\n"},
+        {{"[]\n"}, 200, 7, "c0", "error: Mulformed response.\n"},
+        {{""}, 403, 3, "c0", "Failed to get acd changes! checkpoint = c0, rc = 3\n"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.rounds.front());
+        for (const string& round : row.rounds)
+            answer(row.status, round);
+        string_ptr latest;
+        string log = log_of([&] { rc = acd_io_get_latest_checkpoint("c0", out(latest)); });
+        EXPECT_EQ(rc, row.result);
+        EXPECT_STREQ(latest.get(), row.checkpoint);
+        EXPECT_THAT(log, HasSubstr(row.log));
+        string from = row.rounds.size() > 1 ? "c2" : "c0";
+        EXPECT_EQ(last_request()["body"],
+                  "{\"checkpoint\": \"" + from +
+                      R"(","includePurged": "false","chunkSize": 2000,"maxNodes": 10000})");
+    }
+}
