@@ -3,7 +3,9 @@
 //
 // Every call blocks until the service answered with success or with a permanent failure: transient failures
 // are repeated every few seconds without limit, 401 renews the token. Operations take null arguments as
-// ACD_FS_ERR_INVALID_ARGUMENTS and make no request then. On failure a reply buffer is left {0, null}.
+// ACD_FS_ERR_INVALID_ARGUMENTS and make no request then (upload and overwrite do not look: theirs must be
+// set). On failure a reply buffer is left {0, null}. Ids and filters go into URLs, and all values into JSON
+// bodies, as they are.
 #pragma once
 
 #include <cstddef>
@@ -129,7 +131,8 @@ acd_fs_error_t acd_io_get_node_metadata(const char* id, acd_io_rcvbuf_t* rcvbuf)
 // Creates a folder of that name in the folder id.
 acd_fs_error_t acd_io_create_folder(const char* id, const char* name, acd_io_rcvbuf_t* rcvbuf);
 
-// Uploads a local file as a new node, or as an existing node's new content.
+// Uploads a local file as a new node, or as an existing node's new content. The file is read while it is
+// sent.
 acd_fs_error_t acd_io_upload_file(const char* parent_id, const char* node_name, const char* local_node_path,
                                   acd_io_rcvbuf_t* rcvbuf);
 acd_fs_error_t acd_io_overwrite_file(const char* id, const char* local_node_path, acd_io_rcvbuf_t* rcvbuf);

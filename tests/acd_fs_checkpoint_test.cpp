@@ -55,8 +55,8 @@ TEST_F(acd_fs_checkpoint, fetches_the_newest_once_and_goes_on_after_a_failure_wh
 TEST_F(acd_fs_checkpoint, a_refusal_ends_the_process)
 {
     answer(403, "");
-    g_nosystemd = 1;
-    EXPECT_EXIT(acd_fs_checkpoint_init(), testing::ExitedWithCode(1), "acd_fs_checkpoint_init:.*FORBIDDEN!");
+    EXPECT_EXIT((g_nosystemd = 1, acd_fs_checkpoint_init()), testing::ExitedWithCode(1),
+                "acd_fs_checkpoint_init:.*FORBIDDEN!");
 }
 
 TEST_F(acd_fs_checkpoint, saving_writes_the_current_one_even_unchanged)
