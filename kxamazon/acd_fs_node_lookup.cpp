@@ -66,7 +66,7 @@ acd_fs_error_t __acd_node_get_path(const acd_node_t* node, std::string& path)
             return ACD_FS_ERR_RESOURCE_NOT_FOUND;
         }
         if (parent->name)
-            path = std::string(parent->name) + "/" + path;
+            path.insert(0, "/").insert(0, parent->name);
         current = std::move(parent);
     }
     if (!path.starts_with('/'))

@@ -20,7 +20,7 @@ void hand_over(std::vector<node_ptr>& nodes, acd_node_list_t& list)
 {
     if (nodes.empty())
         return;
-    list.nodes = static_cast<acd_node_t**>(malloc(nodes.size() * sizeof(acd_node_t*)));
+    list.nodes = static_cast<acd_node_t**>(calloc(nodes.size(), sizeof *list.nodes));
     for (node_ptr& node : nodes)
         list.nodes[list.count++] = node.release();
 }
