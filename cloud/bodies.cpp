@@ -37,7 +37,8 @@ std::string temporary_folder()
 bodies::bodies(const std::string& store)
     : folder_(store.empty() ? temporary_folder() : store + "/bodies"), temporary_(store.empty())
 {
-    fs::create_directories(folder_);
+    fs::remove_all(incoming());
+    fs::create_directories(incoming());
 }
 
 bodies::~bodies()
@@ -68,8 +69,10 @@ body_writer::~body_writer()
 {
     if (fd_ != -1)
         close(fd_);
-    if (!kept_)
-        where_.remove(body_.name);
+    if (kept_ || body_.name.empty())
+        return;
+    unlink((where_.incoming() + body_.name).c_str());
+    where_.remove(body_.name);
 }
 
 void body_writer::write(const char* data, size_t size)
@@ -78,8 +81,7 @@ void body_writer::write(const char* data, size_t size)
         return;
     if (fd_ == -1) {
         body_.name = random_name();
-        std::string path = where_.path_of(body_.name);
-        fs::create_directory(fs::path(path).parent_path());
+        std::string path = where_.incoming() + body_.name;
         fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         if (fd_ == -1)
             fail(path);
@@ -105,6 +107,11 @@ const body_t& body_writer::finish()
     for (unsigned i = 0; i < length; ++i) {
         body_.md5.push_back("0123456789abcdef"[digest[i] >> 4]);
         body_.md5.push_back("0123456789abcdef"[digest[i] & 15]);
+    }
+    if (!body_.name.empty()) {
+        fs::path place = where_.path_of(body_.name);
+        fs::create_directory(place.parent_path());
+        fs::rename(where_.incoming() + body_.name, place);
     }
     return body_;
 }

@@ -1,8 +1,8 @@
 // The contents of files, one plain file each, below a folder of the store's.
 //
 // A body is written while it arrives, so that its size does not matter, and belongs to the body_writer until
-// keep(): an upload that fails leaves nothing behind. Without a store the folder is a private one in the
-// temporary directory that is removed at the end. A name, once kept, is deleted by the drive.
+// keep(): an upload that fails leaves nothing behind, nor does one that the end of the server cuts off.
+// Without a store the folder is a private one in the temporary directory that is removed at the end.
 #pragma once
 
 #include <cstdint>
@@ -30,6 +30,7 @@ public:
     bodies& operator=(const bodies&) = delete;
 
     std::string path_of(const std::string& name) const;
+    std::string incoming() const { return folder_ + "/incoming/"; }
     void remove(const std::string& name) const;
 
 private:
@@ -46,7 +47,7 @@ public:
     body_writer& operator=(const body_writer&) = delete;
 
     void write(const char* data, size_t size); // throws when the disk does not take it
-    const body_t& finish();                    // no more writes after this
+    const body_t& finish();                    // no more writes after this; the body stands in its place
     void keep() { kept_ = true; }
 
 private:

@@ -22,6 +22,7 @@ const control_door::order_t control_door::orders[] = {
     {"POST", "/control/expire", &control_door::expire},
     {"POST", "/control/clock", &control_door::set_clock},
     {"POST", "/control/node", &control_door::edit_node},
+    {"POST", "/control/seed", &control_door::seed},
 };
 
 namespace
@@ -95,6 +96,15 @@ void control_door::set_clock(call_t& call)
 {
     drive_.clock_offset_ms = json::parse(call.read_text()).at("offset_ms").get<int64_t>();
     call.answer(200, {{"now", iso_time(drive_.now())}});
+}
+
+void control_door::seed(call_t& call)
+{
+    json text = json::parse(call.read_text());
+    node_t parent = drive_.at(split_path(text.value("path", "/"), false));
+    drive_.seed(parent.id, text.value("folders", int64_t{0}), text.value("files", int64_t{0}),
+                text.value("content", ""));
+    call.answer(200, node_json(parent));
 }
 
 void control_door::edit_node(call_t& call)

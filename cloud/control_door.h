@@ -30,6 +30,7 @@ private:
     void expire(call_t& call);
     void set_clock(call_t& call);
     void edit_node(call_t& call);
+    void seed(call_t& call);
 
     drive& drive_;
     tokens& tokens_;

@@ -59,4 +59,28 @@ private:
     std::unordered_map<std::string, sqlite3_stmt*> statements_;
 };
 
+// Undone at the end of its life unless it was committed.
+class transaction
+{
+public:
+    explicit transaction(database& where) : where_(where) { where_.run_script("BEGIN"); }
+    ~transaction()
+    {
+        if (!committed_)
+            where_.run_script("ROLLBACK");
+    }
+    transaction(const transaction&) = delete;
+    transaction& operator=(const transaction&) = delete;
+
+    void commit()
+    {
+        where_.run_script("COMMIT");
+        committed_ = true;
+    }
+
+private:
+    database& where_;
+    bool committed_ = false;
+};
+
 } // namespace kxcloud

@@ -15,7 +15,7 @@ namespace
 {
 
 // The first index serves the look-up of a name in a folder and in the whole drive, the second the pages of a
-// folder, the third the history.
+// folder and their count, the third the history.
 const char schema[] = R"(
 CREATE TABLE IF NOT EXISTS drive(tag TEXT NOT NULL);
 CREATE TABLE IF NOT EXISTS node(
@@ -24,7 +24,7 @@ CREATE TABLE IF NOT EXISTS node(
     modified INT NOT NULL, version INT NOT NULL, change INT NOT NULL, body TEXT NOT NULL, md5 TEXT NOT NULL,
     size INT NOT NULL);
 CREATE INDEX IF NOT EXISTS node_name ON node(name, parent, status);
-CREATE INDEX IF NOT EXISTS node_parent ON node(parent, number);
+CREATE INDEX IF NOT EXISTS node_parent ON node(parent, number, status);
 CREATE UNIQUE INDEX IF NOT EXISTS node_change ON node(change);
 )";
 
@@ -106,7 +106,7 @@ file_class_t class_of(const std::string& name)
 void require_name(const std::string& name)
 {
     if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos ||
-        name.find('\0') != std::string::npos || name.size() > 256)
+        name.find('\0') != std::string::npos || name.size() > 256 || !is_utf8(name))
         throw refusal_t{400, "Invalid node name '" + name + "'"};
 }
 
@@ -496,6 +496,32 @@ node_t drive::edit(const std::string& id, const edit_t& edit)
     if (!node.parent.empty())
         require_free(node.parent, node.name, after);
     return update(node, after, edit.modified.value_or(node.modified));
+}
+
+// Folders "folder-0" and on, each with files "file-0.txt" and on, in a parent without children.
+void drive::seed(const std::string& parent, int64_t folders, int64_t files, const std::string& content)
+{
+    std::lock_guard lock(mutex_);
+    require_folder(parent);
+    if (database_.ask("SELECT 1 FROM node WHERE parent=? LIMIT 1", {parent}).step())
+        throw refusal_t{409, "Folder '" + parent + "' is not empty"};
+    transaction all(database_);
+    for (int64_t i = 0; i < folders; ++i) {
+        node_t node;
+        node.parent = parent;
+        node.name = "folder-" + std::to_string(i);
+        node.parent = insert(node, {}).id;
+        node.kind = KIND_FILE;
+        for (int64_t j = 0; j < files; ++j) {
+            body_writer body(bodies_);
+            body.write(content.data(), content.size());
+            node.body = body.finish();
+            body.keep();
+            node.name = "file-" + std::to_string(j) + ".txt";
+            insert(node, {});
+        }
+    }
+    all.commit();
 }
 
 } // namespace kxcloud

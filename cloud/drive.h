@@ -109,6 +109,7 @@ public:
     node_t move(const std::string& id, const std::string& from, const std::string& to, when_t when = {});
     node_t trash(const std::string& id, when_t when = {});
     node_t edit(const std::string& id, const edit_t& edit);
+    void seed(const std::string& parent, int64_t folders, int64_t files, const std::string& content);
 
     // Nodes changed after a point of the history, oldest change first; each in its present state.
     std::vector<node_t> changes(int64_t after, int64_t limit, bool with_purged);

@@ -250,6 +250,8 @@ server::server(door_t drive_door, std::vector<place_t> others, trials& tests, dr
       tls_(make_tls(tls), SSL_CTX_free), stop_fd_(eventfd(0, EFD_CLOEXEC))
 {
     new_task_queue = [] { return new connection_threads; };
+    set_read_timeout(connection::io_timeout_ms / 1000);
+    set_write_timeout(connection::io_timeout_ms / 1000);
     set_keep_alive_timeout(idle_connection_sec);
     set_keep_alive_max_count(1000000);
     // Not the library's SO_REUSEPORT, with which two servers would share a port unnoticed.
@@ -298,12 +300,38 @@ void server::end()
     uint64_t one = 1;
     if (::write(stop_fd_, &one, sizeof one) != sizeof one)
         std::abort();
+    {
+        std::lock_guard lock(live_mutex_);
+        for (int fd : live_)
+            ::shutdown(fd, SHUT_RDWR); // what is being sent or awaited ends now
+    }
+    while (!is_running()) // the library forgets a stop that comes before
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     stop();
 }
+
+// Leaves the list before the connection closes its socket, whose number another may then get.
+struct server::live_guard {
+    live_guard(server& the_owner, int the_fd) : owner(the_owner), fd(the_fd)
+    {
+        std::lock_guard lock(owner.live_mutex_);
+        owner.live_.insert(fd);
+    }
+
+    ~live_guard()
+    {
+        std::lock_guard lock(owner.live_mutex_);
+        owner.live_.erase(fd);
+    }
+
+    server& owner;
+    int fd;
+};
 
 bool server::process_and_close_socket(socket_t fd)
 {
     connection line(fd, tls_.get(), stop_fd_);
+    live_guard alive(*this, fd);
     if (!line.handshake())
         return false;
     bool ended = false;
@@ -341,7 +369,8 @@ void server::handle_drive(call_t& call)
     std::optional<fault_t> fault = trials_.take(exchange);
     if (!fault || !fault->replaces_reply() || fault->run)
         run_door(drive_door_, call);
-    call.discard();
+    if (!fault || !fault->early)
+        call.discard();
     if (fault && fault->delay_ms > 0)
         line.pause(fault->delay_ms);
     exchange.status = call.reply.status;

@@ -5,6 +5,8 @@
 #pragma once
 
 #include <functional>
+#include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -88,6 +90,9 @@ private:
     drive& drive_;
     std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> tls_;
     int stop_fd_;
+    struct live_guard;
+    std::mutex live_mutex_;
+    std::set<int> live_; // the sockets in use
 };
 
 } // namespace kxcloud

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <stdexcept>
 
+#include <nlohmann/json.hpp>
 #include <openssl/rand.h>
 
 namespace kxcloud
@@ -98,6 +99,16 @@ bool parse_iso_time(const std::string& text, int64_t* ms)
         return false;
     *ms = int64_t{timegm(&utc)} * 1000 + fraction;
     return true;
+}
+
+bool is_utf8(const std::string& text)
+{
+    try {
+        nlohmann::json(text).dump(); // refuses anything else
+        return true;
+    } catch (const nlohmann::json::type_error&) {
+        return false;
+    }
 }
 
 std::string random_name(size_t length)

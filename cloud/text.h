@@ -25,6 +25,8 @@ std::vector<std::string> split_path(std::string_view path, bool decode = true);
 std::string iso_time(int64_t ms);
 bool parse_iso_time(const std::string& text, int64_t* ms);
 
+bool is_utf8(const std::string& text);
+
 // Random letters, digits, "-" and "_"; 22 of them make a node id.
 std::string random_name(size_t length = 22);
 

@@ -90,14 +90,18 @@ void read_effects(const json& text, fault_t& fault)
         fault.cut = text.at("cut").get<uint64_t>();
     fault.reset = text.value("reset", false);
     fault.drop = text.value("drop", false);
+    fault.early = text.value("early", false);
+    if (fault.early && !fault.drop) // a reply before the body would leave the next request unfound
+        throw refusal_t{400, "'early' is for 'drop'"};
 }
 
 } // namespace
 
 fault_t fault_from(const json& text)
 {
-    static const char* const known[] = {"method", "path", "query",   "skip", "times", "run",  "delay_ms",
-                                        "status", "body", "headers", "raw",  "cut",   "drop", "reset"};
+    static const char* const known[] = {"method", "path",     "query",  "skip",  "times",
+                                        "run",    "delay_ms", "status", "body",  "headers",
+                                        "raw",    "cut",      "drop",   "reset", "early"};
     try {
         for (const auto& [name, value] : text.items()) {
             if (std::find(std::begin(known), std::end(known), name) == std::end(known))

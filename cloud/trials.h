@@ -40,7 +40,8 @@ struct fault_t {
     int64_t times = 1;   // below 0: for ever
     nlohmann::json text; // as given, for the list
 
-    bool run = false; // carry the request out although its reply is replaced
+    bool early = false; // before the body is read
+    bool run = false;   // carry the request out although its reply is replaced
     int64_t delay_ms = 0;
     std::optional<int> status;
     std::string body;

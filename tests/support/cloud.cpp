@@ -1,19 +1,16 @@
 #include "support/cloud.h"
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <regex>
 #include <stdexcept>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <httplib.h>
 
-#include "common/owners.h"
 #include "kxamazon/global.h"
-#include "support/constants.h"
+#include "support/support.h"
 
 using nlohmann::json;
 
@@ -23,23 +20,11 @@ namespace kxtest
 namespace
 {
 
-// The program dies with the test, also when the test crashes.
-pid_t start(const std::vector<std::string>& options, int output)
+std::vector<std::string> command(const std::vector<std::string>& options)
 {
-    std::vector<std::string> words = {KXTEST_BIN_DIR "/kxcloud", "--listen", "127.0.0.1:0"};
+    std::vector<std::string> words = {program("kxcloud"), "--listen", "127.0.0.1:0"};
     words.insert(words.end(), options.begin(), options.end());
-    std::vector<char*> argv;
-    for (std::string& word : words)
-        argv.push_back(word.data());
-    argv.push_back(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        dup2(output, 1);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    return pid;
+    return words;
 }
 
 std::string escaped(const std::string& text)
@@ -80,25 +65,21 @@ std::string order(const std::string& url, const std::string& method, const std::
 
 } // namespace
 
-cloud::cloud(const std::vector<std::string>& options)
+// Its contents without a store lie in the temporary directory, which is the test's own here.
+cloud::cloud(const std::vector<std::string>& options) : process_(command(options), {"TMPDIR=" + sysroot()})
 {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0)
-        throw std::runtime_error("no pipe");
-    pid_ = start(options, ends[1]);
-    close(ends[1]);
-    // Its address is the first thing the server says, once it listens.
-    for (char c; read(ends[0], &c, 1) == 1 && c != '\n';)
-        url_.push_back(c);
-    close(ends[0]);
+    // Its address is the first line that the server writes, once it listens.
+    eventually([this] { return process_.out().find('\n') != std::string::npos || process_.wait(0) != -1; });
+    std::string out = process_.out();
+    url_ = out.substr(0, out.find('\n'));
     if (url_.empty())
-        throw std::runtime_error("kxcloud did not start");
+        throw std::runtime_error("kxcloud did not start: " + process_.err());
 }
 
 cloud::~cloud()
 {
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
+    process_.signal(SIGTERM);
+    process_.wait(10);
 }
 
 void cloud::connect() const

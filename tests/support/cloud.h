@@ -6,6 +6,8 @@
 #include <sys/types.h>
 #include <vector>
 
+#include "support/process.h"
+
 namespace kxtest
 {
 
@@ -24,7 +26,7 @@ public:
     cloud& operator=(const cloud&) = delete;
 
     const std::string& url() const { return url_; }
-    pid_t pid() const { return pid_; }
+    pid_t pid() const { return process_.pid(); }
 
     // Points this program at the cloud: the test constants, and global's tokens and base URLs.
     void connect() const;
@@ -52,8 +54,8 @@ public:
     int count(const std::string& method, const std::string& path_regex) const; // of those received
 
 private:
+    process process_;
     std::string url_;
-    pid_t pid_ = -1;
 };
 
 } // namespace kxtest
