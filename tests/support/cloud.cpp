@@ -44,6 +44,7 @@ http_reply_t send(const std::string& url, const std::string& method, const std::
     httplib::Client client(url);
     client.enable_server_certificate_verification(false);
     client.set_url_encode(false);
+    client.set_tcp_nodelay(true); // or a request with a body waits for the acknowledgement of its head
     httplib::Request request;
     request.method = method;
     request.path = target;
@@ -143,7 +144,7 @@ void cloud::fail(const json& fault) const
 
 void cloud::set_clock_offset(int seconds) const
 {
-    order(url_, "POST", "/control/clock", json{{"offset_ms", seconds * 1000}}.dump());
+    order(url_, "POST", "/control/clock", json{{"offset_ms", int64_t{seconds} * 1000}}.dump());
 }
 
 void cloud::edit(const json& change) const
