@@ -84,7 +84,7 @@ std::vector<std::string> tree_of(const std::string& folder)
 {
     std::vector<std::string> paths;
     for (const auto& entry : fs::recursive_directory_iterator(folder))
-        paths.push_back(fs::relative(entry.path(), folder).string() + (entry.is_directory() ? "/" : ""));
+        paths.push_back(entry.path().lexically_relative(folder).string() + (entry.is_directory() ? "/" : ""));
     std::sort(paths.begin(), paths.end());
     return paths;
 }

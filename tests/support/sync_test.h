@@ -1,0 +1,41 @@
+// A test of the sync engine: a cloud of its own, an open cache with an up-to-date checkpoint, an event log,
+// and a folder for the local side. Texts that come back name local paths relative to that folder.
+#pragma once
+
+#include <ctime>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+
+#include "common/owners.h"
+#include "support/cloud.h"
+
+namespace kxtest
+{
+
+class sync_test : public testing::Test
+{
+protected:
+    explicit sync_test(const std::vector<std::string>& cloud_options = {});
+    ~sync_test() override;
+
+    // The event records since the last call, each a line of its tag without "LOGMSG_AMAZONDRIVE_" and its
+    // items.
+    std::string events();
+
+    // As log_of.
+    std::string log(const std::function<void()>& run, int verbosity = 3) const;
+
+    // The modified time of the node at a cloud path, in seconds since the epoch; 0 when there is none.
+    time_t cloud_time(const std::string& path) const;
+
+    kxtest::cloud cloud_;
+    std::string base_;
+
+private:
+    std::string relative(std::string text) const;
+
+    file_ptr event_log_;
+};
+
+} // namespace kxtest
