@@ -169,6 +169,11 @@ const change_t changes[] = {
     {"pair_folder_trashed", "trash @", "", ""},
 };
 
+[[maybe_unused]] void PrintTo(const change_t& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class downsync_change : public downsync, public testing::WithParamInterface<change_t>
 {
 protected:
