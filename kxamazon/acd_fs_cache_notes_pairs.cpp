@@ -64,7 +64,7 @@ int replace_pairs(sqlite3* db, const acd_sync_pair_list_t* list)
     {
         acd_cache_error_t result = acd_cache_cache_sync_pair(db, entry);
         if (result != ACD_CACHE_ERR_OK)
-            LOG_ERROR("acd_cache_load_sync_pair_config: Failed to cache sync pair! %d\n", result);
+            LOG_ERROR("%s: Failed to cache sync pair! %d\n", "acd_cache_load_sync_pair_config", result);
     }
     return SQLITE_OK;
 }

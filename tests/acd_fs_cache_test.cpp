@@ -1,0 +1,444 @@
+#include "kxamazon/acd_fs_cache.h"
+
+#include <filesystem>
+#include <gmock/gmock.h>
+
+#include "common/constants.h"
+#include "common/utils.h"
+#include "kxamazon/acd_sync_utils.h"
+#include "kxamazon/sqlite_utils.h"
+#include "support/support.h"
+
+namespace fs = std::filesystem;
+using kxtest::log_of;
+using kxtest::read_file;
+using kxtest::write_file;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace
+{
+
+using sqlite_ptr = owner<sqlite3, sqlite3_close>;
+
+// The cells of a query, "|" between columns and a blank between rows.
+std::string rows(const std::string& sql, sqlite3* db = acd_cache_db())
+{
+    sql_table_ptr table;
+    int nrow = 0, ncol = 0;
+    if (sqlite3_get_table(db, sql.c_str(), out(table), &nrow, &ncol, nullptr) != SQLITE_OK)
+        return sqlite3_errmsg(db);
+    std::string text;
+    for (int i = ncol; i < (nrow + 1) * ncol; ++i)
+        text += (i == ncol  ? ""
+                 : i % ncol ? "|"
+                            : " ") +
+                std::string(table.get()[i] ? table.get()[i] : "NULL");
+    return text;
+}
+
+sqlite_ptr open_file(const std::string& path)
+{
+    sqlite_ptr db;
+    sqlite3_open(path.c_str(), out(db));
+    return db;
+}
+
+acd_cache_error_t put(const char* id, const char* name, std::vector<const char*> parents,
+                      time_t modified = 100, acd_node_status_t status = NODE_STATUS_AVAILABLE,
+                      acd_node_kind_t kind = NODE_KIND_FOLDER)
+{
+    acd_node_t node = {};
+    char md5[] = "";
+    node.id = const_cast<char*>(id);
+    node.name = const_cast<char*>(name);
+    node.md5 = md5;
+    node.kind = kind;
+    node.status = status;
+    node.is_root = parents.empty();
+    node.modified_date = modified;
+    node.parents = {parents.size(), const_cast<char**>(parents.data())};
+    return acd_cache_node(&node);
+}
+
+acd_node_t with_id(const char* id)
+{
+    acd_node_t node = {};
+    node.id = const_cast<char*>(id);
+    return node;
+}
+
+// The path, or "RESULT" of the failure.
+std::string path_of(const char* id)
+{
+    acd_node_t node = with_id(id);
+    string_ptr path;
+    acd_cache_error_t rc = acd_cache_get_node_path(&node, out(path));
+    return path ? path.get() : std::to_string(rc);
+}
+
+std::string child_of(const char* parent, const char* name)
+{
+    acd_node_t node = with_id(parent);
+    node_ptr child;
+    acd_cache_error_t rc = acd_cache_get_child_node(&node, name, out(child));
+    return child ? child->id : std::to_string(rc);
+}
+
+// "OLD-NAME OLD-PATH" as the notes give them, "-" for none.
+std::string notes_of(const char* id)
+{
+    acd_node_t node = with_id(id);
+    string_ptr name, path;
+    int renamed = acd_cache_is_cloud_node_renamed(&node, out(name));
+    int moved = acd_cache_is_cloud_node_moved(&node, out(path));
+    return std::string(renamed ? name.get() : "-") + " " + (moved ? path.get() : "-");
+}
+
+sync_pair_list_ptr pairs(const std::vector<std::tuple<const char*, const char*, int, int>>& entries)
+{
+    sync_pair_list_ptr list(acd_sync_create_sync_pair_list());
+    for (const auto& [local, cloud, downsync, upsync] : entries) {
+        acd_sync_pair_entry_t* entry = acd_sync_create_sync_pair_entry();
+        *entry = {safe_strdup(local), safe_strdup(cloud), downsync, upsync, {}};
+        acd_sync_sync_pair_list_insert_tail(list.get(), entry);
+    }
+    return list;
+}
+
+// A cache with / (root), /A (a), /B (b) and /A/Sub (s).
+class Cache : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        fs::remove_all(fs::path(kx_cache_path).parent_path());
+        ASSERT_EQ(ACD_CACHE_ERR_OK, acd_cache_init(0));
+        put("root", "", {});
+        put("a", "A", {"root"});
+        put("b", "B", {"root"});
+        put("s", "Sub", {"a"});
+    }
+    void TearDown() override { acd_cache_deinit(); }
+};
+
+} // namespace
+
+TEST_F(Cache, StaysAsItWasOverARestart)
+{
+    acd_cache_deinit();
+    EXPECT_EQ(-1, acd_cache_reset());
+    EXPECT_EQ("-1", path_of("s"));
+    EXPECT_EQ(-1, put("x", "X", {"root"}));
+    EXPECT_EQ("info: Cache: Initialized schema successfully!\n", log_of([] { acd_cache_init(0); }));
+    EXPECT_EQ("/A/Sub", path_of("s"));
+
+    EXPECT_EQ(ACD_CACHE_ERR_OK, acd_cache_reset());
+    EXPECT_EQ("0|1", rows("SELECT (SELECT count(*) FROM node), schema_version FROM version"));
+    EXPECT_EQ(ACD_CACHE_ERR_OK, acd_cache_init(1));
+    put("root", "", {});
+    EXPECT_EQ("/", path_of("root"));
+}
+
+TEST_F(Cache, ForeignOrDamagedFileIsMadeAnew)
+{
+    std::string wal = std::string(kx_cache_path) + "-wal";
+    rows("PRAGMA wal_checkpoint(TRUNCATE)");
+    put("s", "Renamed", {"a"});
+    std::string old_log = read_file(wal);
+    ASSERT_GT(old_log.size(), 32u);
+    acd_cache_deinit();
+    std::string good = read_file(kx_cache_path);
+    std::string no_schema = good;
+    no_schema.replace(100, 1000, 1000, '\x55');
+    const struct {
+        std::string content;
+        const char* sql;
+        const char* found;
+    } files[] = {{std::string(80000, 'x'), "", "v0"},
+                 {good.substr(0, good.size() / 2), "", "v1"},
+                 {no_schema, "", "v0"},
+                 {good, "DROP TABLE version", "v0"},
+                 {good, "UPDATE version SET schema_version = 2", "v2"},
+                 {good, "INSERT INTO version VALUES(2)", "v0"}};
+    for (const auto& file : files) {
+        SCOPED_TRACE(file.sql);
+        write_file(kx_cache_path, file.content);
+        if (*file.sql)
+            rows(file.sql, open_file(kx_cache_path).get());
+        write_file(wal, old_log); // must not be replayed into the new file
+        EXPECT_THAT(log_of([] { EXPECT_EQ(ACD_CACHE_ERR_OK, acd_cache_init(0)); }),
+                    HasSubstr(std::string("info: Incompatible schema (") + file.found +
+                              ") is detected. Drop the database for v1!\n"));
+        EXPECT_EQ("1|0|ok", rows("SELECT schema_version, (SELECT count(*) FROM node), integrity_check FROM "
+                                 "version, pragma_integrity_check"));
+        EXPECT_EQ(ACD_CACHE_ERR_OK, put("root", "", {}));
+        acd_cache_deinit();
+    }
+}
+
+TEST_F(Cache, UnopenableFileIsTriedTwice)
+{
+    acd_cache_deinit();
+    fs::remove(kx_cache_path);
+    fs::create_directory(kx_cache_path);
+    EXPECT_EQ(
+        "error: __open_db: Failed to open db! 14\nDelete the db file and try again!\n"
+        "error: __open_db: Failed to open db after retry! 14\nerror: acd_cache_init: Failed to open db! 14\n",
+        log_of([] { EXPECT_EQ(ACD_CACHE_ERR_DB_ERROR, acd_cache_init(0)); }));
+    EXPECT_EQ(nullptr, acd_cache_db());
+}
+
+TEST_F(Cache, NodeComesBackAsItWasWritten)
+{
+    char tag[] = "e", id[] = "f", name[] = "it's.txt", md5[] = "m", parent[] = "s";
+    char* parents[] = {parent};
+    acd_node_t node = {
+        tag, id, name, md5, NODE_KIND_FILE, 0, 5, 1433160000, {1, parents}, NODE_STATUS_AVAILABLE, 1};
+    node.size_byte = 1ULL << 62;
+    EXPECT_EQ(ACD_CACHE_ERR_OK, acd_cache_node(&node));
+    acd_node_t folder = with_id("s");
+    node_ptr got;
+    EXPECT_EQ(ACD_CACHE_ERR_OK, acd_cache_get_child_node(&folder, "IT'S.TXT", out(got)));
+    EXPECT_EQ(nullptr, got->e_tag_response);
+    got->e_tag_response = safe_strdup("e");
+    std::string text = acd_node_to_string(&node);
+    EXPECT_EQ(text, acd_node_to_string(got.get()));
+
+    EXPECT_EQ(ACD_CACHE_ERR_OK, acd_cache_get_root_node(out(got)));
+    EXPECT_STREQ("no_parent_for_root", got->parents.id_array[0]);
+    EXPECT_STREQ("/", got->name);
+    EXPECT_EQ(0, got->is_root);
+
+    EXPECT_EQ("error: acd_cache_node: DO NOT CACHE ASSET NODE!\n", log_of([] {
+                  EXPECT_EQ(-1, put("x", "X", {"a"}, 100, NODE_STATUS_AVAILABLE, NODE_KIND_ASSET));
+              }));
+    EXPECT_EQ("", rows("SELECT * FROM node WHERE id='x'"));
+}
+
+TEST_F(Cache, ChildLookup)
+{
+    put("t", "Trash", {"a"}, 100, NODE_STATUS_TRASH);
+    put("d1", "Double", {"a"});
+    put("d2", "double", {"a"});
+    put("b1", "Sub", {"b"});
+    EXPECT_EQ("s", child_of("a", "sUB"));
+    EXPECT_EQ("b1", child_of("b", "sub"));
+    EXPECT_EQ("2", child_of("a", "Trash"));
+    EXPECT_EQ("2", child_of("a", "Double"));
+    EXPECT_EQ("2", child_of("root", "Sub"));
+    node_ptr node;
+    EXPECT_EQ(-1, acd_cache_get_child_node(nullptr, "x", out(node)));
+}
+
+// SQLite stops a statement that takes more steps than finding one of many rows by an index needs.
+TEST_F(Cache, LookupsInALargeFolderDoNotScan)
+{
+    rows(
+        "WITH RECURSIVE n(i) AS (VALUES(1) UNION ALL SELECT i+1 FROM n WHERE i<5000) INSERT INTO node SELECT "
+        "'n'||i, 'name '||i, 'FILE', '', 'AVAILABLE', 0, 0, 0, 0 FROM n");
+    rows("INSERT INTO parents SELECT id, 'a' FROM node WHERE id LIKE 'n%'");
+    sqlite3_progress_handler(
+        acd_cache_db(), 1000, [](void*) { return 1; }, nullptr);
+    EXPECT_EQ("n4321", child_of("a", "NAME 4321"));
+    EXPECT_EQ("2", child_of("a", "name 0"));
+    node_ptr root;
+    EXPECT_EQ(ACD_CACHE_ERR_OK, acd_cache_get_root_node(out(root)));
+    EXPECT_EQ("", log_of([] { acd_cache_delete_trash_nodes(); }));
+    EXPECT_EQ(ACD_CACHE_ERR_OK, put("n77", "moved", {"b"}));
+    sqlite3_progress_handler(acd_cache_db(), 0, nullptr, nullptr);
+    EXPECT_EQ("/A/name 1234", path_of("n1234"));
+}
+
+TEST_F(Cache, Paths)
+{
+    std::string long_name(4087, 'x'); // "/A/Sub/" and this fill the buffer but for the closing NUL
+    put("f", (long_name + "x").c_str(), {"s"});
+    put("l", long_name.c_str(), {"s"});
+    put("o", "Orphan", {"nowhere"});
+    EXPECT_EQ("/", path_of("root"));
+    EXPECT_EQ("/A/Sub", path_of("s"));
+    EXPECT_EQ("/A/Sub/" + long_name, path_of("l"));
+    EXPECT_EQ("/A/Sub/" + long_name + "x", path_of("f"));
+    put("f", (long_name + "xx").c_str(), {"s"});
+    EXPECT_EQ("2", path_of("f"));
+    EXPECT_EQ("2", path_of("o"));
+    EXPECT_EQ("2", path_of("unknown"));
+}
+
+// Folders that changed places are cached one by one, so for a while each is the other's parent.
+TEST_F(Cache, RingOfParentsEndsAndHeals)
+{
+    put("a", "A", {"s"});
+    EXPECT_EQ("3", path_of("a"));
+    EXPECT_EQ(ACD_CACHE_ERR_OK, put("s", "Sub", {"root"}));
+    EXPECT_EQ("/Sub/A", path_of("a"));
+}
+
+TEST_F(Cache, RenameAndMoveNotes)
+{
+    const struct {
+        const char* fault;
+        const char* name;
+        const char* parent;
+        time_t modified;
+        const char* notes;
+    } steps[] = {
+        {"no note for a first sight", "f", "s", 100, "- -"},
+        {"nor for an unchanged node", "f", "s", 101, "- -"},
+        {"nor for a name in other letters", "F", "s", 102, "- -"},
+        {"a rename that is not newer does not count", "g", "s", 102, "- -"},
+        {"it does once the node is newer", "g", "s", 103, "F -"},
+        {"a new parent keeps the old path", "g", "b", 104, "F /A/Sub/g"},
+        {"both at once: the path before either", "h", "a", 105, "g /B/g"},
+        {"the path cannot be built: no new note", "h", "nowhere", 106, "g /A/h"},
+        {"a node off the tree has no old path", "h", "a", 107, "g /A/h"},
+    };
+    for (const auto& step : steps) {
+        EXPECT_EQ(ACD_CACHE_ERR_OK, put("f", step.name, {step.parent}, step.modified));
+        EXPECT_EQ(step.notes, notes_of("f")) << step.fault;
+    }
+    acd_node_t node = with_id("f");
+    EXPECT_EQ(0, acd_cache_delete_renamed_node(&node));
+    EXPECT_EQ("- /A/h", notes_of("f"));
+    EXPECT_EQ(0, acd_cache_delete_moved_node(&node));
+    EXPECT_EQ("- -", notes_of("f"));
+    EXPECT_EQ(-1, acd_cache_delete_moved_node(nullptr));
+    EXPECT_EQ(-1, acd_cache_delete_renamed_node(&node, nullptr));
+}
+
+// Each table in turn refuses its row, then the commit fails: nothing of the node may stay.
+TEST_F(Cache, FailedWriteLeavesNoHalfNode)
+{
+    auto everything = [] {
+        return rows(
+            "SELECT 'n', id, name, status FROM node UNION SELECT 'p', node_id, parent_id, '' FROM parents "
+            "UNION SELECT 'r', id, name, '' FROM renamed_node UNION SELECT 'm', id, old_path, '' FROM "
+            "moved_node");
+    };
+    std::string before = everything();
+    for (const char* table : {"moved_node", "renamed_node", "node", "parents"}) {
+        rows(std::string("CREATE TEMP TRIGGER refuse BEFORE INSERT ON main.") + table +
+             " BEGIN SELECT RAISE(ABORT, 'refused'); END");
+        EXPECT_THAT(log_of([] { EXPECT_EQ(ACD_CACHE_ERR_DB_ERROR, put("s", "New", {"b"}, 200)); }),
+                    HasSubstr("emsg=refused\n"));
+        EXPECT_EQ(before, everything()) << table;
+        rows("DROP TRIGGER refuse");
+    }
+    sqlite3_commit_hook(
+        acd_cache_db(), [](void*) { return 1; }, nullptr);
+    EXPECT_EQ(ACD_CACHE_ERR_DB_ERROR, put("s", "New", {"b"}, 200));
+    EXPECT_EQ(before, everything());
+    sqlite3_commit_hook(acd_cache_db(), nullptr, nullptr);
+    EXPECT_EQ(ACD_CACHE_ERR_OK, put("s", "New", {"b"}, 200));
+    EXPECT_EQ("/B/New", path_of("s"));
+    EXPECT_EQ("Sub /A/Sub", notes_of("s"));
+}
+
+TEST_F(Cache, TrashCleanUpGoesOnAfterAFailure)
+{
+    put("t1", "T1", {"a"}, 100, NODE_STATUS_TRASH);
+    put("t2", "T2", {"a"}, 100, NODE_STATUS_PURGED);
+    put("t3", "T3", {"a"}, 100, NODE_STATUS_TRASH);
+    rows("CREATE TEMP TRIGGER refuse BEFORE DELETE ON main.parents WHEN old.node_id='t1' BEGIN SELECT "
+         "RAISE(ABORT, 'refused'); END");
+    EXPECT_THAT(log_of([] { EXPECT_EQ(0, acd_cache_delete_trash_nodes()); }),
+                HasSubstr("error: acd_cache_delete_trash_nodes: Failed to delete node id = t1\n"));
+    EXPECT_EQ("a b root s t1", rows("SELECT id FROM node ORDER BY id"));
+    EXPECT_EQ("a b root s t1", rows("SELECT node_id FROM parents ORDER BY node_id"));
+}
+
+TEST_F(Cache, PairsKeepWhatTheyOweWhileConfigured)
+{
+    auto first = pairs({{"/d/P", "/P", 0, 1}, {"/d/Q", "/Q", 1, 0}});
+    EXPECT_EQ(ACD_CACHE_ERR_OK, acd_cache_load_sync_pair_config(first.get()));
+    auto second = pairs({{"/d/p", "/P", 1, 1}, {"/d/Q", "/Q", 0, 1}, {"/d/P", "/Q", 1, 1}});
+    EXPECT_THAT(log_of([&] { EXPECT_EQ(ACD_CACHE_ERR_OK, acd_cache_load_sync_pair_config(second.get())); }),
+                HasSubstr("debug: Found cached entry /d/Q <===> /Q cached (1 0), (0 1)\n"));
+    EXPECT_EQ("/d/p|/P|1|1 /d/Q|/Q|1|0 /d/P|/Q|1|1",
+              rows("SELECT local_drive_path, cloud_drive_path, need_full_downsync, need_full_upsync FROM "
+                   "sync_folders ORDER BY id"));
+    acd_sync_pair_entry_t* entry = TAILQ_FIRST(second.get());
+    entry->need_full_upsync = 0;
+    EXPECT_EQ(ACD_CACHE_ERR_OK, acd_cache_cache_sync_pair(acd_cache_db(), entry));
+    EXPECT_EQ("0", rows("SELECT need_full_upsync FROM sync_folders WHERE local_drive_path='/d/p'"));
+    EXPECT_EQ(-1, acd_cache_cache_sync_pair(nullptr, entry));
+}
+
+TEST_F(Cache, CheckpointFile)
+{
+    std::string missing = std::string("error: acd_cache_get_checkpoint: Failed to open ") +
+                          ACD_FS_CHECKPOINT + " for reading!\n";
+    EXPECT_EQ(missing, log_of([] { EXPECT_EQ(nullptr, acd_cache_get_checkpoint()); }));
+    for (const char* text : {"long-first-checkpoint", "c2"}) {
+        acd_cache_cache_checkpoint(text);
+        acd_cache_cache_checkpoint(nullptr);
+        EXPECT_EQ(text, read_file(ACD_FS_CHECKPOINT));
+        EXPECT_STREQ(text, string_ptr(acd_cache_get_checkpoint()).get());
+    }
+    write_file(ACD_FS_CHECKPOINT, " c3\nx");
+    EXPECT_STREQ("c3", string_ptr(acd_cache_get_checkpoint()).get());
+    for (const std::string& text : {std::string(), std::string(" \n"), std::string(40, '\0')}) {
+        write_file(ACD_FS_CHECKPOINT, text);
+        EXPECT_EQ(nullptr, acd_cache_get_checkpoint());
+    }
+    fs::remove(ACD_FS_CHECKPOINT);
+    fs::create_directory(ACD_FS_CHECKPOINT);
+    EXPECT_EQ(std::string("error: acd_cache_cache_checkpoint: Failed to open ") + ACD_FS_CHECKPOINT +
+                  " for writing!\n",
+              log_of([] { acd_cache_cache_checkpoint("c4"); }));
+}
+
+TEST(SqliteUtils, ScalarRules)
+{
+    sqlite_ptr db = open_file(":memory:");
+    const struct {
+        const char* sql;
+        int rc;
+        int value;
+        int not_null;
+        const char* log;
+    } queries[] = {
+        {"SELECT count(*) FROM sqlite_schema", 0, 0, 1, ""},
+        {"SELECT '12x'", 0, 12, 1, ""},
+        {"SELECT NULL", 0, 0, 0, ""},
+        {"SELECT 1 WHERE 0", 0, -7, -7, ""},
+        {"SELECT 3, 4", -1, 3, 1, "error: f.c:9 Not a scaler result. (nrow=1 ncol=2)\n"},
+        {"VALUES(5),(6)", -1, -7, -7, "error: f.c:9 Not a scaler result. (nrow=2 ncol=1)\n"},
+        {"SELECT", 1, -7, -7, "error: f.c:9 SQL=SELECT ==> 0x0 1 (incomplete input)\n"},
+    };
+    for (const auto& query : queries) {
+        int value = -7, not_null = -7;
+        EXPECT_EQ(query.log, log_of([&] {
+                      EXPECT_EQ(query.rc,
+                                sql_get_int_mprintf(db.get(), "f.c", 9, &value, &not_null, "%s", query.sql));
+                  }));
+        EXPECT_EQ(query.value, value) << query.sql;
+        EXPECT_EQ(query.not_null, not_null) << query.sql;
+    }
+    EXPECT_EQ(
+        "error: f.c:9 Error sql=x ==> sq3rc=1 emsg=near \"x\": syntax error\nerror: f.c:9 SQL=x ==> 1\n",
+        log_of([&] { sql_exec_mprintf(db.get(), "f.c", 9, "%s", "x"); }));
+}
+
+TEST(SqliteUtils, LockedDatabaseIsReadFiveTimesAndWrittenOnce)
+{
+    std::string path = kxtest::new_folder() + "/db";
+    sqlite_ptr holder = open_file(path), db = open_file(path);
+    rows("CREATE TABLE t(a)", holder.get());
+    rows("BEGIN EXCLUSIVE", holder.get());
+    int attempts = 0;
+    sqlite3_busy_handler(
+        db.get(), [](void* count, int) { return ++*static_cast<int*>(count), 0; }, &attempts);
+
+    EXPECT_EQ(
+        "", log_of([&] { EXPECT_EQ(SQLITE_BUSY, sql_exec(db.get(), "f.c", 9, "INSERT INTO t VALUES(1)")); }));
+    EXPECT_EQ(1, attempts);
+    sql_table_ptr table;
+    EXPECT_EQ("error: f.c:9 SQL=SELECT 1 FROM t ==> 0x0 5 (database is locked)\n", log_of([&] {
+                  EXPECT_EQ(SQLITE_BUSY, _sql_get_table(db.get(), "f.c", 9, out(table), nullptr, nullptr,
+                                                        "SELECT 1 FROM t"));
+              }));
+    EXPECT_EQ(6, attempts);
+    EXPECT_EQ(SQLITE_BUSY, sql_in_transaction(db.get(), "f.c", 9, [] { return SQLITE_OK; }));
+}
