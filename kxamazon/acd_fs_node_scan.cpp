@@ -64,7 +64,8 @@ acd_fs_error_t read_page(const char* text, const acd_node_t* folder, acd_node_fi
         else
             ++listing.filtered;
     }
-    if (const char* token = json_object_get_string(json.object(), "nextToken")) {
+    // An empty token names no page: to follow it would read the first one for ever.
+    if (const char* token = json_object_get_string(json.object(), "nextToken"); token && *token) {
         listing.next_token = token;
         LOG_DEBUG("%s: next_token = %s\n", "acd_node_scan_dir", token);
     } else {

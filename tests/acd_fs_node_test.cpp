@@ -191,7 +191,7 @@ TEST_F(acd_node, ListingsFollowThePages)
         {R"({"count":-1,"data":[]})", invalid, 0},
         {R"({"count":1,"data":{}})", invalid, 0},
         {R"({"count":9,"data":[],"nextToken":"t"})", ok, 0},
-        {R"({"count":9,"data":[{},)" + json_of("x", "x", folder->id) + "]}", ok, 1},
+        {R"({"count":9,"data":[{},)" + json_of("x", "x", folder->id) + R"(],"nextToken":""})", ok, 1},
     };
     for (const auto& [reply, rc, count] : rows) {
         answer("GET", "/children$", reply);
