@@ -21,9 +21,10 @@ bool is_absolute(const char* path)
     return path && path[0] == '/';
 }
 
+// However many slashes: whoever takes "//" for a node's path trashes or moves the whole drive.
 bool is_root_path(const char* path)
 {
-    return strcmp(path, "/") == 0;
+    return is_absolute(path) && path[strspn(path, "/")] == '\0';
 }
 
 // ---- Start ----

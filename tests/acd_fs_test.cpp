@@ -176,7 +176,7 @@ TEST_F(acd_fs, ContentsGoUpAndComeDown)
     EXPECT_EQ(acd_fs_delete_file("/a/f"), ok);
     EXPECT_FALSE(cloud.has("/a/f"));
     EXPECT_EQ(acd_fs_delete_file("/a/f"), missing);
-    EXPECT_EQ(acd_fs_delete_file("/"), bad_arguments);
+    EXPECT_EQ(acd_fs_delete_file("//"), bad_arguments);
     const int rows_before = rows_of("node");
     acd_fs_flush();
     EXPECT_EQ(rows_of("node"), rows_before - 1);
