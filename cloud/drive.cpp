@@ -263,10 +263,10 @@ node_t drive::at(const std::vector<std::string>& path)
     return node;
 }
 
-page_t drive::list(const filter_t& filter, const std::string& start_token, int64_t limit)
+page_t drive::list(const filter_t& filter, const std::string& start_token)
 {
     status_t worst = options_.list_trashed ? STATUS_TRASH : STATUS_PENDING;
-    limit = limit > 0 ? std::min(limit, options_.page_size) : options_.page_size;
+    int64_t limit = options_.page_size;
     int64_t after = 0;
     page_t page{{}, -1, ""};
     if (!start_token.empty() && !read_token(start_token, &after, &page.count))

@@ -95,7 +95,7 @@ public:
     node_t get(const std::string& id); // any status
     std::optional<node_t> child(const std::string& parent, const std::string& name);
     node_t at(const std::vector<std::string>& path); // only through available nodes
-    page_t list(const filter_t& filter, const std::string& start_token = "", int64_t limit = 0);
+    page_t list(const filter_t& filter, const std::string& start_token = "");
     node_t open_body(const std::string& id, int* fd);    // the caller closes it; -1 for an empty content
     std::vector<node_t> children(const std::string& id); // all of the available ones, by name
 
