@@ -57,11 +57,13 @@ char* escape_for_shell(const char* s);
 // Undoes shell quoting in place. Returns s (must not be null); null when a quote is not closed.
 char* unescape_for_shell(char* s);
 
-// Moves a local file or folder with /bin/mv. Nothing is reported.
+// Moves a local file or folder with /bin/mv, whatever characters the paths hold: no path runs a command or
+// gives an option. Nothing is reported.
 void safe_mv(const char* from, const char* to);
 
 // The value of the first pair with this key in a query string, as a new string: '+' reads as a space, nothing
-// is percent-decoded, a pair without '=' has the empty value. Null for null or empty arguments or no match.
+// is percent-decoded, a pair without '=' has the empty value. Null for a null argument, an empty query string
+// or no match.
 char* get_val_from_qstring(const char* key, const char* qs);
 
 // Creates every missing folder of path with these permission bits. 0 on success; -1 when a part cannot be

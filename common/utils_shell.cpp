@@ -2,13 +2,18 @@
 #undef NDEBUG
 #include <cassert>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
+#include <spawn.h>
 #include <string>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "common/owners.h"
 #include "common/utils.h"
@@ -62,6 +67,36 @@ void unescape_unquoted(unescape_t& at)
         if (*at.from)
             at.from++;
     }
+}
+
+// Whether the shell takes the escaped path for one plain word. Escaping leaves alone what separates commands,
+// what begins an option, a comment or a home folder in front of a word, and the empty path.
+bool escaping_makes_safe(const char* path)
+{
+    if (*path == '\0' || strchr("-#~=", *path))
+        return false;
+    for (; *path; path++)
+        if (*path == ';' || (iscntrl(static_cast<unsigned char>(*path)) && !is_special_to_shell(*path)))
+            return false;
+    return true;
+}
+
+using spawn_actions_ptr = owner<posix_spawn_file_actions_t, posix_spawn_file_actions_destroy>;
+
+void mv_without_shell(const char* from, const char* to)
+{
+    const char* argv[] = {"/bin/mv", "--", from, to, nullptr};
+    posix_spawn_file_actions_t actions;
+    if (posix_spawn_file_actions_init(&actions) != 0)
+        return;
+    spawn_actions_ptr actions_owner(&actions);
+    // Reading from a terminal, mv would ask before it replaces a read-only file, and wait.
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    pid_t child;
+    if (posix_spawn(&child, argv[0], &actions, nullptr, const_cast<char**>(argv), environ) != 0)
+        return;
+    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR)
+        ;
 }
 
 bool make_folder(const char* path, mode_t mode)
@@ -123,7 +158,13 @@ void safe_mv(const char* from, const char* to)
     if (!quoted_from || !quoted_to)
         return;
     char command[mv_command_size];
-    safe_system(snprintf_str(command, sizeof command, "/bin/mv %s %s", quoted_from.get(), quoted_to.get()));
+    int length = safe_snprintf(command, sizeof command, "/bin/mv %s %s", quoted_from.get(), quoted_to.get());
+    bool whole = length >= 0 && static_cast<size_t>(length) < sizeof command;
+    // Names come from the cloud: none may run a command, and a cut path would be another one.
+    if (whole && escaping_makes_safe(from) && escaping_makes_safe(to))
+        safe_system(command);
+    else
+        mv_without_shell(from, to);
 }
 
 int mkdir_p(const char* path, mode_t mode)

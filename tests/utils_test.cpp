@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include <cstring>
+#include <filesystem>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -264,4 +265,29 @@ TEST(utils, mv_moves_files_and_folders_with_any_quoting)
     safe_mv((root + "/folder/it's a \"file\" $1").c_str(), (root + "/folder/(b) [*]").c_str());
     safe_mv((root + "/folder").c_str(), (root + "/moved & gone").c_str());
     EXPECT_THAT(tree_of(root), ElementsAre("moved & gone/", "moved & gone/(b) [*]"));
+}
+
+TEST(utils, mv_takes_no_name_for_a_command_or_an_option)
+{
+    std::filesystem::path before = std::filesystem::current_path();
+    const std::string root = new_folder();
+    // Whatever a name here does when it reaches the shell after all, it must do it to this folder only.
+    std::filesystem::current_path(root);
+    for (const std::string name :
+         {"x;touch y", "x\ntouch y", "x\r\x7F\t", "-f", "#x", "=mv", "x~=,#%\xC3\xA4"}) {
+        write_file(root + "/" + name, "content");
+        safe_mv(name.c_str(), "moved");
+        EXPECT_THAT(tree_of(root), ElementsAre("moved")) << name;
+        safe_mv("moved", name.c_str());
+        EXPECT_THAT(tree_of(root), ElementsAre(name)) << name;
+        unlink(name.c_str());
+    }
+    std::string component(255, ' ');
+    // Escaped, each of the two fits the command's buffer, but not both together.
+    std::string far = component + "/" + component + "/";
+    write_file(root + "/" + far + "from", "content");
+    safe_mv((far + "from").c_str(), (far + "to").c_str());
+    safe_mv("", "nothing");
+    EXPECT_THAT(tree_of(root), ElementsAre(component + "/", far, far + "to"));
+    std::filesystem::current_path(before);
 }
