@@ -31,6 +31,12 @@ void kx_log(unsigned level, const char* file, int line, const char* fmt, ...)
 // A copy of s; null for null.
 char* safe_strdup(const char* s);
 
+// s as a message shows it: "(null)" for null.
+inline const char* shown(const char* s)
+{
+    return s ? s : "(null)";
+}
+
 // Formats into a new string stored through text. Returns the length; negative on failure, text is then
 // undefined.
 int safe_asprintf(char** text, const char* fmt, ...) __attribute__((format(printf, 2, 3)));

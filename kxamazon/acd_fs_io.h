@@ -3,9 +3,9 @@
 //
 // Every call blocks until the service answered with success or with a permanent failure: transient failures
 // are repeated every few seconds without limit, 401 renews the token. Operations take null arguments as
-// ACD_FS_ERR_INVALID_ARGUMENTS and make no request then (upload and overwrite do not look: theirs must be
-// set). On failure a reply buffer is left {0, null}. Ids and filters go into URLs, and all values into JSON
-// bodies, as they are.
+// ACD_FS_ERR_INVALID_ARGUMENTS and make no request then (upload and overwrite only look at the ids and the
+// name, and end with the engine's code for a request without an address). On failure a reply buffer is left
+// {0, null}. Ids and filters go into URLs, and all values into JSON bodies, as they are.
 #pragma once
 
 #include <cstddef>

@@ -144,6 +144,7 @@ void populate_reply(acd_io_session_t* session)
     }
     if (session->download_fp) {
         empty_file(session->download_fp);
+        curl_easy_setopt(session->handle, CURLOPT_WRITEFUNCTION, nullptr);
         curl_easy_setopt(session->handle, CURLOPT_WRITEDATA, session->download_fp);
     }
 }
@@ -398,7 +399,7 @@ acd_fs_error_t __acd_io_write_form_data(const char* url, const char* custom_requ
     if (rc != ACD_FS_ERR_OK) {
         drop_reply(rcvbuf);
         LOG_ERROR("%s: acd io write form data error! url = %s, meta_data = %s, local_node_path = %s\n",
-                  __func__, url, meta_data, local_node_path);
+                  __func__, url, shown(meta_data), shown(local_node_path));
     }
     return rc;
 }

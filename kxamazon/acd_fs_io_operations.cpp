@@ -125,7 +125,8 @@ acd_fs_error_t acd_io_get_children_nodes(const char* id, const char* start_token
 {
     if (!id || !rcvbuf)
         return ACD_FS_ERR_INVALID_ARGUMENTS;
-    LOG_DEBUG("%s: id = %s, start_token = %s, filters = %s\n", __func__, id, start_token, filters);
+    LOG_DEBUG("%s: id = %s, start_token = %s, filters = %s\n", __func__, id, shown(start_token),
+              shown(filters));
     std::string query;
     if (start_token)
         query.append("?startToken=").append(start_token);
@@ -174,15 +175,16 @@ acd_fs_error_t acd_io_create_folder(const char* id, const char* name, acd_io_rcv
 acd_fs_error_t acd_io_upload_file(const char* parent_id, const char* node_name, const char* local_node_path,
                                   acd_io_rcvbuf_t* rcvbuf)
 {
-    std::string url = content_url({"nodes?suppress=deduplication"});
-    string_ptr metadata(
-        asprintf_str("{\"name\": \"%s\", \"kind\": \"FILE\", \"parents\": [\"%s\"]}", node_name, parent_id));
+    // A null is not refused here: the engine answers the empty address.
+    std::string url = node_name && parent_id ? content_url({"nodes?suppress=deduplication"}) : "";
+    string_ptr metadata(asprintf_str("{\"name\": \"%s\", \"kind\": \"FILE\", \"parents\": [\"%s\"]}",
+                                     shown(node_name), shown(parent_id)));
     return __acd_io_write_form_data(url.c_str(), nullptr, metadata.get(), local_node_path, rcvbuf);
 }
 
 acd_fs_error_t acd_io_overwrite_file(const char* id, const char* local_node_path, acd_io_rcvbuf_t* rcvbuf)
 {
-    std::string url = content_url({"nodes/", id, "/content"});
+    std::string url = id ? content_url({"nodes/", id, "/content"}) : "";
     return __acd_io_write_form_data(url.c_str(), "PUT", nullptr, local_node_path, rcvbuf);
 }
 

@@ -118,7 +118,8 @@ TEST_F(acd_fs_io, acts_on_every_status)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.status);
         string status = std::to_string(row.status);
-        answer(row.status, row.status == 204 ? "" : R"({"Message":"why"})", row.attempts);
+        string name = row.status % 2 ? "message" : "Message";
+        answer(row.status, row.status == 204 ? "" : "{\"" + name + "\":\"why\"}", row.attempts);
         cloud.forget_requests();
         string log = get_x();
         EXPECT_EQ(rc, row.result);
@@ -278,6 +279,11 @@ TEST_F(acd_fs_io, uploads_as_a_form_and_again_from_the_start_after_an_error)
     string log = log_of([&] { rc = acd_io_upload_file("P", "c", "/no/such/file", fresh()); });
     EXPECT_EQ(rc, ACD_FS_IO_ERR_READ_WRITE_ERROR);
     EXPECT_EQ(attempts(log), 1);
+
+    EXPECT_EQ(acd_io_upload_file(nullptr, "c", local.c_str(), fresh()), ACD_FS_IO_ERR_READ_WRITE_ERROR);
+    EXPECT_EQ(acd_io_upload_file("P", nullptr, local.c_str(), fresh()), ACD_FS_IO_ERR_READ_WRITE_ERROR);
+    EXPECT_EQ(acd_io_overwrite_file(nullptr, local.c_str(), fresh()), ACD_FS_IO_ERR_READ_WRITE_ERROR);
+    EXPECT_EQ(cloud.requests().size(), requests.size());
 }
 
 // Beyond 1 MiB libcurl first asks whether the service wants the body.
@@ -308,6 +314,15 @@ TEST_F(acd_fs_io, a_download_holds_the_content_and_nothing_of_earlier_attempts)
     EXPECT_EQ(occurrences(download(id.c_str()), "ACD Error 404"), 0);
     EXPECT_EQ(rc, ACD_FS_ERR_RESOURCE_NOT_FOUND);
     EXPECT_EQ(kxtest::read_file(local), R"({"message":"gone"})");
+
+    file_ptr fp(std::fopen(local.c_str(), "w"));
+    acd_io_session_t* session = acd_io_init_session();
+    acd_io_set_url(session, (string(global.content_url) + "nodes/" + id + "/content").c_str());
+    acd_io_set_rcvbuf(session, fresh());
+    acd_io_set_download_fp(session, fp.get());
+    EXPECT_EQ(__acd_io_generic_readwrite(session), ACD_FS_ERR_OK);
+    fp.reset();
+    EXPECT_TRUE(kxtest::read_file(local) == content);
 
     cloud.fail({{"cut", 1000}});
     download(id.c_str());
