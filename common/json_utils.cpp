@@ -3,12 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "common/owners.h"
-
 namespace
 {
-
-using json_ptr = owner<JSON_Value, json_value_free>;
 
 constexpr int deepest_indent_level = 15;
 

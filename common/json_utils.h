@@ -1,7 +1,11 @@
-// Prints parsed JSON as an indented tree on standard output, for people.
+// The owner of parsed JSON, and printing of it as an indented tree on standard output, for people.
 #pragma once
 
 #include <parson.h>
+
+#include "common/owners.h"
+
+using json_ptr = owner<JSON_Value, json_value_free>;
 
 // Parses the file and prints its tree between two marker lines; only the markers when it does not parse.
 void dump_jsonfile(const char* path);

@@ -2,15 +2,12 @@
 
 #include <cstdlib>
 
-#include <parson.h>
-
+#include "common/json_utils.h"
 #include "common/utils.h"
 #include "kxamazon/acd_fs_io.h"
 
 namespace
 {
-
-using json_value_ptr = owner<JSON_Value, json_value_free>;
 
 const acd_fs_error_t invalid = ACD_FS_ERR_INVALID_RESPONSE;
 
@@ -56,7 +53,7 @@ acd_fs_error_t acd_fs_account_get_quota(acd_fs_account_quota_t** quota)
         LOG_ERROR("%s: Failed to call acd_io_get_account_quota! %d\n", __func__, rc);
         return rc;
     }
-    json_value_ptr value(json_parse_string(reply.buf));
+    json_ptr value(json_parse_string(reply.buf));
     if (json_value_get_type(value.get()) != JSONObject) {
         LOG_ERROR("%s: Mulformed response.\n", __func__);
         LOG_ERROR("%s\n", reply.buf ? reply.buf : "");

@@ -11,9 +11,8 @@
 #include <unistd.h>
 #include <utility>
 
-#include <parson.h>
-
 #include "common/constants.h"
+#include "common/json_utils.h"
 #include "common/owners.h"
 #include "common/utils.h"
 #include "kxamazon/acd_utils.h"
@@ -24,7 +23,6 @@ namespace
 
 using headers_ptr = owner<curl_slist, curl_slist_free_all>;
 using form_ptr = owner<curl_httppost, curl_formfree>;
-using json_value_ptr = owner<JSON_Value, json_value_free>;
 
 const long LOW_SPEED_LIMIT = 1;  // bytes per second below which a transfer counts as stalled
 const long LOW_SPEED_TIME = 300; // seconds that a transfer may stall
@@ -185,7 +183,7 @@ void log_service_message(const acd_io_rcvbuf_t* reply, long status_code)
 {
     if (!reply || !reply->buf)
         return;
-    json_value_ptr value(json_parse_string(reply->buf));
+    json_ptr value(json_parse_string(reply->buf));
     const JSON_Object* object = json_value_get_object(value.get());
     const char* message = json_object_get_string(object, "message");
     if (!message)

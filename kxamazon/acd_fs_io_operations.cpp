@@ -2,8 +2,7 @@
 #include <initializer_list>
 #include <string>
 
-#include <parson.h>
-
+#include "common/json_utils.h"
 #include "common/owners.h"
 #include "common/utils.h"
 #include "kxamazon/acd_fs_io.h"
@@ -14,7 +13,6 @@ namespace
 {
 
 using escaped_ptr = owner<char, curl_free>;
-using json_value_ptr = owner<JSON_Value, json_value_free>;
 
 const size_t children_url_max_len = 1022; // characters; longer URLs are cut
 const size_t content_url_max_len = 1023;
@@ -59,7 +57,7 @@ enum class feed_step_t { next_line, next_round, finished };
 feed_step_t follow_line(const char* line, string_ptr& current, acd_fs_error_t& rc)
 {
     static const char func[] = "acd_io_get_latest_checkpoint";
-    json_value_ptr value(json_parse_string(line));
+    json_ptr value(json_parse_string(line));
     rc = ACD_FS_ERR_INVALID_RESPONSE;
     if (json_value_get_type(value.get()) != JSONObject) {
         LOG_ERROR("Mulformed response.\n");

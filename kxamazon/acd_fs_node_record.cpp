@@ -7,6 +7,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "common/json_utils.h"
 #include "common/utils.h"
 #include "kxamazon/acd_utils.h"
 
@@ -134,8 +135,6 @@ void free_nodes(acd_node_list_t* list)
         acd_free_node(list->nodes[i]);
     std::free(list->nodes);
 }
-
-using json_ptr = owner<JSON_Value, json_value_free>;
 
 } // namespace
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "common/json_utils.h"
 #include "common/utils.h"
 #include "kxamazon/acd_fs_cache.h"
 #include "kxamazon/acd_fs_io.h"
@@ -23,7 +24,7 @@ public:
     const JSON_Object* object() const { return json_value_get_object(value_.get()); }
 
 private:
-    owner<JSON_Value, json_value_free> value_;
+    json_ptr value_;
 };
 
 // Appends the nodes of an array; elements that are no node are left out. A null array holds none.

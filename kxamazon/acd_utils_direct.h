@@ -6,12 +6,8 @@
 #include <cstdlib>
 #include <string>
 
-#include <parson.h>
-
-#include "common/owners.h"
+#include "common/json_utils.h"
 #include "kxamazon/acd_utils.h"
-
-using json_ptr = owner<JSON_Value, json_value_free>;
 
 // The result of a call that got no usable answer, whether the cause is local or on the way.
 constexpr int direct_failed = 500;
