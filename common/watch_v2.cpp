@@ -33,8 +33,11 @@ std::unique_ptr<watches> init_watches(const char* folder, dev_t dev)
     return set;
 }
 
-// What select answers; *ready then holds the instances that have events.
-int wait_for_events(const watches_list_t* list, int timeout_sec, fd_set* ready)
+// False when a stop was asked for; else *count is what select answers, and *ready holds the instances that
+// have events. Signals are held back from the look at the flag to the wait: one that came in between would
+// leave the wait to its full time.
+bool wait_for_events(const watches_list_t* list, int timeout_sec, const volatile sig_atomic_t* exit_flag,
+                     fd_set* ready, int* count)
 {
     int highest = -1;
     FD_ZERO(ready);
@@ -42,8 +45,15 @@ int wait_for_events(const watches_list_t* list, int timeout_sec, fd_set* ready)
         FD_SET(set->inotify.get(), ready);
         highest = std::max(highest, set->inotify.get());
     }
-    timeval timeout{timeout_sec, 0};
-    return select(highest + 1, ready, nullptr, nullptr, &timeout);
+    const timespec timeout{timeout_sec, 0};
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const bool go_on = *exit_flag == 0;
+    if (go_on)
+        *count = pselect(highest + 1, ready, nullptr, nullptr, &timeout, &before);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return go_on;
 }
 
 } // namespace
@@ -97,9 +107,9 @@ int watch_loop(watches_list_t* list, int timeout_sec, watch_notify_t notify, voi
 {
     if (!list || !notify || !exit_flag || timeout_sec < 0)
         return -1;
-    while (*exit_flag == 0) {
-        fd_set ready;
-        const int count = wait_for_events(list, timeout_sec, &ready);
+    fd_set ready;
+    int count = 0;
+    while (wait_for_events(list, timeout_sec, exit_flag, &ready, &count)) {
         if (count == 0) {
             notify(nullptr, WATCH_TYPE_V2_NONE, ctx);
         } else if (count > 0) {
