@@ -28,6 +28,12 @@ void report(const move_event_t& event, watch_notify_t notify, void* ctx, watch_n
         notify(new_path, WATCH_TYPE_V2_ADD_FILE, ctx);
 }
 
+void del_dir(watches_list_t* list, const char* path)
+{
+    if (watches* set = find_root(list, path))
+        del_watch_folders(set, path);
+}
+
 void add_dir(watches_list_t* list, const char* path, watch_notify_t notify, void* ctx)
 {
     if (watches* set = find_root(list, path))
@@ -118,7 +124,7 @@ void process_move_event_queue(watches_list_t* list, const move_event_queue_t* qu
         if (!event->is_dir)
             continue;
         if (old_path)
-            del_watch_folders(list, old_path);
+            del_dir(list, old_path);
         if (new_path)
             add_dir(list, new_path, old_path && notify_move ? nullptr : notify, ctx);
     }

@@ -148,11 +148,8 @@ watches* find_root(watches_list_t* list, const char* path)
     return set;
 }
 
-void del_watch_folders(watches_list_t* list, const char* path)
+void del_watch_folders(watches* set, const char* path)
 {
-    watches* set = find_root(list, path);
-    if (!set)
-        return;
     const char* root = set->root_path.c_str();
     LOG_DEBUG("%s: Will del_watch_folders(%s, %s) ==> num=%lu\n", __func__, root, path, set->num_watch);
     for (watch *next, *old = set->head; old; old = next) {

@@ -73,6 +73,6 @@ void watch_folder(watches* set, const char* folder, watch_notify_t notify, void*
 // The first root whose path is a plain prefix of path; null when there is none.
 watches* find_root(watches_list_t* list, const char* path);
 
-// Ends the watches of the first root that path begins with whose own path begins with path. The prefix is
-// plain on purpose: /a/b takes /a/bc along.
-void del_watch_folders(watches_list_t* list, const char* path);
+// Ends the root's watches whose path begins with path. The prefix is plain on purpose: /a/b takes /a/bc
+// along.
+void del_watch_folders(watches* set, const char* path);
