@@ -22,6 +22,13 @@ void dump_json_array_flex(int level, const JSON_Array* array)
 
 } // namespace
 
+uint64_t to_uint64(double number)
+{
+    if (!(number > 0))
+        return 0;
+    return number < 0x1p64 ? static_cast<uint64_t>(number) : UINT64_MAX;
+}
+
 void dump_json_object_flex(int level, const JSON_Object* object)
 {
     size_t count = json_object_get_count(object);

@@ -1,11 +1,17 @@
-// The owner of parsed JSON, and printing of it as an indented tree on standard output, for people.
+// The owner of parsed JSON, its numbers as counts, and its printing as an indented tree on standard output,
+// for people.
 #pragma once
+
+#include <cstdint>
 
 #include <parson.h>
 
 #include "common/owners.h"
 
 using json_ptr = owner<JSON_Value, json_value_free>;
+
+// A JSON number as a count: 0 when missing or negative, the largest count when 64 bits cannot hold it.
+uint64_t to_uint64(double number);
 
 // Parses the file and prints its tree between two marker lines; only the markers when it does not parse.
 void dump_jsonfile(const char* path);

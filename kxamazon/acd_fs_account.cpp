@@ -11,12 +11,6 @@ namespace
 
 const acd_fs_error_t invalid = ACD_FS_ERR_INVALID_RESPONSE;
 
-// A byte count that the service wrote; what no 64 bits can hold counts as the most they can.
-uint64_t to_bytes(double number)
-{
-    return number < 0x1p64 ? static_cast<uint64_t>(number) : UINT64_MAX;
-}
-
 // The record that a reply's object describes; null, with a message, when a member is missing or not positive.
 account_quota_ptr parse_quota(const JSON_Object* object)
 {
@@ -37,7 +31,7 @@ account_quota_ptr parse_quota(const JSON_Object* object)
         return nullptr;
     }
     account_quota_ptr record(static_cast<acd_fs_account_quota_t*>(std::malloc(sizeof(*record))));
-    *record = {to_bytes(quota), to_bytes(available), safe_strdup(last_calculated)};
+    *record = {to_uint64(quota), to_uint64(available), safe_strdup(last_calculated)};
     return record;
 }
 

@@ -60,13 +60,6 @@ private:
     size_t room_; // the closing NUL included
 };
 
-uint64_t to_uint64(double number)
-{
-    if (!(number > 0))
-        return 0;
-    return number < 0x1p64 ? static_cast<uint64_t>(number) : UINT64_MAX;
-}
-
 template <class Record>
 Record* new_record()
 {

@@ -54,14 +54,6 @@ int get_text(const std::string& path, const direct_call_t& call, char** jsonstr)
     return 0;
 }
 
-// A missing or negative number counts as 0.
-uint64_t to_uint64(double number)
-{
-    if (!(number > 0))
-        return 0;
-    return number < 0x1p64 ? static_cast<uint64_t>(number) : UINT64_MAX;
-}
-
 void copy_last_calculated(const JSON_Object* report, char (&text)[64])
 {
     const char* time_text = json_object_get_string(report, "lastCalculated");
