@@ -8,15 +8,15 @@
 #include <cstdlib>
 #include <iostream>
 #include <iterator>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
-#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
+
+#include "common/owners.h"
 
 namespace
 {
@@ -24,14 +24,9 @@ namespace
 constexpr size_t max_id = 61;
 constexpr size_t max_secret = 64;
 
-struct key_deleter {
-    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-    void operator()(EVP_PKEY_CTX* context) const { EVP_PKEY_CTX_free(context); }
-    void operator()(BIGNUM* number) const { BN_clear_free(number); }
-};
-using key_ptr = std::unique_ptr<EVP_PKEY, key_deleter>;
-using context_ptr = std::unique_ptr<EVP_PKEY_CTX, key_deleter>;
-using number_ptr = std::unique_ptr<BIGNUM, key_deleter>;
+using key_ptr = owner<EVP_PKEY, EVP_PKEY_free>;
+using context_ptr = owner<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
+using number_ptr = owner<BIGNUM, BN_clear_free>;
 
 // Every component but the public exponent, which is the same for both pairs.
 struct component_t {
@@ -70,10 +65,9 @@ void print_key(EVP_PKEY* key, const char* prefix, const char* exponent, int bits
 {
     std::printf("#define %s_COMMON_E \"%s\"\n", prefix, exponent);
     for (const component_t& component : components) {
-        BIGNUM* raw = nullptr;
-        if (EVP_PKEY_get_bn_param(key, component.parameter, &raw) != 1)
+        number_ptr number;
+        if (EVP_PKEY_get_bn_param(key, component.parameter, out(number)) != 1)
             fail("cannot read a key component");
-        number_ptr number(raw);
         std::vector<unsigned char> bytes(bits / 8 / component.key_share);
         if (BN_bn2binpad(number.get(), bytes.data(), static_cast<int>(bytes.size())) < 0)
             fail("a key component is too large");
