@@ -81,36 +81,54 @@ bool make_ids(acd_id_array_t* ids, size_t count)
     return ids->id_array != nullptr;
 }
 
-// The member's text; null, and logged, when it is missing.
-const char* required_string(const JSON_Object* object, const char* name)
-{
-    const char* text = json_object_get_string(object, name);
-    if (!text)
-        LOG_ERROR("__parse_node: Failed to get string %s!\n", name);
-    return text;
-}
+constexpr char parser[] = "__parse_node";
 
 bool parse_identity(const JSON_Object* object, acd_node_t* node)
 {
-    const char* id = required_string(object, "id");
-    if (!id)
+    const char* id = json_object_get_string(object, "id");
+    if (!id) {
+        LOG_ERROR("%s: Failed to get string id!\n", parser);
         return false;
+    }
     // The drive's root has no name of its own.
-    const char* name =
-        node->is_root ? json_object_get_string(object, "name") : required_string(object, "name");
-    if (!name && !node->is_root)
+    const char* name = json_object_get_string(object, "name");
+    if (!name && !node->is_root) {
+        LOG_ERROR("%s: Failed to get string name!\n", parser);
         return false;
+    }
     node->id = safe_strdup(id);
     node->name = copy_or_empty(name);
     return true;
 }
 
-bool parse_date(const JSON_Object* object, const char* name, time_t* date)
+// Kind, dates and status, which every node must have.
+bool parse_state(const JSON_Object* object, acd_node_t* node)
 {
-    const char* text = required_string(object, name);
-    if (text)
-        *date = acdtime_to_unix(text);
-    return text != nullptr;
+    const char* kind = json_object_get_string(object, "kind");
+    if (!kind) {
+        LOG_ERROR("%s: Failed to get string kind!\n", parser);
+        return false;
+    }
+    node->kind = acd_string_to_enum_kind(kind, parser);
+    const char* created = json_object_get_string(object, "createdDate");
+    if (!created) {
+        LOG_ERROR("%s: Failed to get string createdDate!\n", parser);
+        return false;
+    }
+    node->create_date = acdtime_to_unix(created);
+    const char* modified = json_object_get_string(object, "modifiedDate");
+    if (!modified) {
+        LOG_ERROR("%s: Failed to get string modifiedDate!\n", parser);
+        return false;
+    }
+    node->modified_date = acdtime_to_unix(modified);
+    const char* status = json_object_get_string(object, "status");
+    if (!status) {
+        LOG_ERROR("%s: Failed to get string status!\n", parser);
+        return false;
+    }
+    node->status = acd_string_to_enum_status(status, parser);
+    return true;
 }
 
 bool parse_parents(const JSON_Array* array, acd_id_array_t* parents)
@@ -281,20 +299,8 @@ acd_node_t* __parse_node(const JSON_Object* object)
         return nullptr;
     node->md5 = copy_or_empty(json_object_dotget_string(object, "contentProperties.md5"));
     node->size_byte = to_uint64(json_object_dotget_number(object, "contentProperties.size"));
-
-    const char* kind = required_string(object, "kind");
-    if (!kind)
-        return nullptr;
-    node->kind = acd_string_to_enum_kind(kind);
-    if (!parse_date(object, "createdDate", &node->create_date) ||
-        !parse_date(object, "modifiedDate", &node->modified_date))
-        return nullptr;
-    const char* status = required_string(object, "status");
-    if (!status)
-        return nullptr;
-    node->status = acd_string_to_enum_status(status);
-
-    if (!parse_parents(json_object_get_array(object, "parents"), &node->parents))
+    if (!parse_state(object, node.get()) ||
+        !parse_parents(json_object_get_array(object, "parents"), &node->parents))
         return nullptr;
     if (node->parents.count > 1)
         LOG_ERROR("%s: Do not support multiple parents!\n%s\n", __func__, acd_node_to_string(node.get()));

@@ -46,8 +46,6 @@ TEST(NodeRecord, Parser)
          "1 FOLDER PENDING 0 [||]", ""},
         {R"({"id":"i","isRoot":"true","kind":"FOLDER","status":"TRASH")" + dates, "none",
          "error: __parse_node: Failed to get string name!\n"},
-        {R"({"id":"i","name":"n","kind":"FILE","status":"TRASH"})", "none",
-         "error: __parse_node: Failed to get string createdDate!\n"},
         {R"({"id":"i","name":"n","kind":"folder","status":"GONE")" + dates, "0 UNKNOWN UNKNOWN 0 [n||]",
          "error: __parse_node: Unknown kind folder!\nerror: __parse_node: Unknown status GONE\n"},
         {R"({"id":"i","name":"n","kind":"ASSET","status":"TRASH","parents":["a",1])" + dates,
@@ -65,6 +63,18 @@ TEST(NodeRecord, Parser)
             EXPECT_EQ(1433160000, node->create_date);
             EXPECT_EQ(9, node->modified_date);
         }
+    }
+}
+
+TEST(NodeRecord, RejectedNodeNamesWhatItLacks)
+{
+    const std::string members[] = {"id", "name", "kind", "createdDate", "modifiedDate", "status"};
+    for (const auto& missing : members) {
+        std::string text = "{\"isRoot\":false";
+        for (const auto& member : members)
+            text += member == missing ? "" : ",\"" + member + "\":\"FILE\"";
+        EXPECT_EQ("error: __parse_node: Failed to get string " + missing + "!\n",
+                  log_of([&] { EXPECT_EQ(nullptr, node_ptr(parse_node((text + "}").c_str()))); }));
     }
 }
 
