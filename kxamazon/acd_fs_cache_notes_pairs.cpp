@@ -54,7 +54,7 @@ void restore_flags(acd_sync_pair_entry_t* entry, char** rows, int nrow, int ncol
 }
 
 // A pair that cannot be stored does not keep the others from it.
-int replace_pairs(sqlite3* db, const acd_sync_pair_list_t* list)
+int replace_pairs(const char* caller, sqlite3* db, const acd_sync_pair_list_t* list)
 {
     int rc = sql_exec_mprintf(db, SQL_HERE, "DELETE FROM sync_folders");
     if (rc != SQLITE_OK)
@@ -64,7 +64,9 @@ int replace_pairs(sqlite3* db, const acd_sync_pair_list_t* list)
     {
         acd_cache_error_t result = acd_cache_cache_sync_pair(db, entry);
         if (result != ACD_CACHE_ERR_OK)
-            LOG_ERROR("%s: Failed to cache sync pair! %d\n", "acd_cache_load_sync_pair_config", result);
+            LOG_ERROR("%s: Failed to cache sync pair! %d\n", caller, result);
+        LOG_DEBUG("%s: Load sync pair entry %s <===> %s %d %d\n", caller, entry->local_drive_path,
+                  entry->cloud_drive_path, entry->need_full_downsync, entry->need_full_upsync);
     }
     return SQLITE_OK;
 }
@@ -147,11 +149,8 @@ acd_cache_error_t acd_cache_load_sync_pair_config(acd_sync_pair_list_t* list)
 
     acd_sync_pair_entry_t* entry;
     TAILQ_FOREACH(entry, list, entries)
-    {
-        restore_flags(entry, table.get() + ncol, nrow, ncol);
-        LOG_DEBUG("%s: Load sync pair entry %s <===> %s %d %d\n", __func__, entry->local_drive_path,
-                  entry->cloud_drive_path, entry->need_full_downsync, entry->need_full_upsync);
-    }
-    int rc = sql_in_transaction(db, SQL_HERE, [=] { return replace_pairs(db, list); });
+    restore_flags(entry, table.get() + ncol, nrow, ncol);
+    int rc =
+        sql_in_transaction(db, SQL_HERE, [=, caller = __func__] { return replace_pairs(caller, db, list); });
     return rc == SQLITE_OK ? ACD_CACHE_ERR_OK : ACD_CACHE_ERR_DB_ERROR;
 }

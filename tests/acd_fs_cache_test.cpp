@@ -314,8 +314,11 @@ TEST_F(Cache, PairsKeepWhatTheyOweWhileConfigured)
     auto first = pairs({{"/d/P", "/P", 0, 1}, {"/d/Q", "/Q", 1, 0}});
     EXPECT_EQ(0, acd_cache_load_sync_pair_config(first.get()));
     auto second = pairs({{"/d/p", "/P", 1, 1}, {"/d/Q", "/Q", 0, 1}, {"/d/P", "/Q", 1, 1}});
-    EXPECT_THAT(log_of([&] { EXPECT_EQ(0, acd_cache_load_sync_pair_config(second.get())); }),
-                HasSubstr("debug: Found cached entry /d/Q <===> /Q cached (1 0), (0 1)\n"));
+    EXPECT_THAT(
+        log_of([&] { EXPECT_EQ(0, acd_cache_load_sync_pair_config(second.get())); }),
+        HasSubstr("debug: Found cached entry /d/Q <===> /Q cached (1 0), (0 1)\n"
+                  "debug: acd_cache_cache_sync_pair: Cache sync pair entry /d/p <===> /P 1 1\n"
+                  "debug: acd_cache_load_sync_pair_config: Load sync pair entry /d/p <===> /P 1 1\n"));
     EXPECT_EQ(" /d/p|/P|1|1 /d/Q|/Q|1|0 /d/P|/Q|1|1",
               rows("SELECT local_drive_path, cloud_drive_path, need_full_downsync, need_full_upsync FROM "
                    "sync_folders ORDER BY id"));
