@@ -3,6 +3,8 @@
 #include <cstring>
 #include <utility>
 
+#include <sys/stat.h>
+
 #include "common/constants.h"
 #include "common/paths.h"
 #include "common/utils.h"
@@ -199,12 +201,33 @@ acd_fs_error_t move_path(const char* old_path, const char* new_path, acd_node_t*
 
 // ---- Contents ----
 
-// Local and cloud time agree after an upload, so that neither side looks newer to the next sync.
-void take_cloud_time(const char* caller, const char* local_path, const acd_node_t* node)
+// A local file as it was when it began to be sent.
+struct file_stamp {
+    explicit file_stamp(const char* path) : known(stat(path, &st) == 0) {}
+    bool is_same_as(const file_stamp& other) const
+    {
+        return known && other.known && st.st_ino == other.st.st_ino && st.st_size == other.st.st_size &&
+               st.st_mtim.tv_sec == other.st.st_mtim.tv_sec && st.st_mtim.tv_nsec == other.st.st_mtim.tv_nsec;
+    }
+    struct stat st = {};
+    bool known;
+};
+
+// Local and cloud time agree after an upload, so that neither side looks newer to the next sync. A file that
+// was saved while it was being sent stays newer instead: the save's own event, or the next full pass, sends
+// it again.
+void take_cloud_time(const char* caller, const char* local_path, const acd_node_t* node,
+                     const file_stamp& sent)
 {
-    set_mtime(local_path, node->modified_date);
-    LOG_DEBUG("%s: Set local node %s modified time to %s\n", caller, local_path,
-              acd_time_to_string(node->modified_date));
+    time_t time = node->modified_date;
+    const file_stamp now(local_path);
+    if (now.known && !now.is_same_as(sent)) {
+        if (now.st.st_mtime > time)
+            return;
+        time += 1;
+    }
+    set_mtime(local_path, time);
+    LOG_DEBUG("%s: Set local node %s modified time to %s\n", caller, local_path, acd_time_to_string(time));
 }
 
 // ---- Changes ----
@@ -286,9 +309,10 @@ acd_fs_error_t acd_fs_upload_file(const char* local_path, const char* cloud_path
         LOG_ERROR("%s: Failed to get parenet node, parent path = %s!\n", __func__, folder.c_str());
         return rc;
     }
+    const file_stamp sent(local_path);
     auto rc = acd_node_create_file(parent.get(), name_of_path(cloud_path).c_str(), local_path, node);
     if (rc == ACD_FS_ERR_OK)
-        take_cloud_time(__func__, local_path, *node);
+        take_cloud_time(__func__, local_path, *node, sent);
     return rc;
 }
 
@@ -304,9 +328,10 @@ acd_fs_error_t acd_fs_overwrite_file(const char* local_path, const char* cloud_p
         LOG_ERROR("%s: Failed to get node, path = %s!\n", __func__, cloud_path);
         return rc;
     }
+    const file_stamp sent(local_path);
     auto rc = acd_node_overwrite_file(file.get(), local_path, node);
     if (rc == ACD_FS_ERR_OK)
-        take_cloud_time(__func__, local_path, *node);
+        take_cloud_time(__func__, local_path, *node, sent);
     return rc;
 }
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <thread>
 
 #include "common/constants.h"
 #include "kxamazon/acd_fs.h"
@@ -180,6 +181,23 @@ TEST_F(acd_fs, ContentsGoUpAndComeDown)
     const int rows_before = rows_of("node");
     acd_fs_flush();
     EXPECT_EQ(rows_of("node"), rows_before - 1);
+}
+
+TEST_F(acd_fs, ASaveDuringTheUploadStaysNewerThanTheCloudsCopy)
+{
+    const std::string local = kxtest::new_folder() + "/f";
+    for (auto [send, content] : {std::pair{acd_fs_upload_file, "1"}, {acd_fs_overwrite_file, "2"}}) {
+        kxtest::write_file(local, content, 1433160000);
+        cloud.fail(
+            {{"path", "^/nodes(/[^/]+/content)?$"}, {"delay_ms", 500}}); // carried out, then answered late
+        std::thread editor([&, sent = content] {
+            kxtest::eventually([&] { return cloud.get("/f").body == sent; });
+            kxtest::write_file(local, "saved meanwhile", 1433160001);
+        });
+        EXPECT_EQ(send(local.c_str(), "/f", out(node)), ok);
+        editor.join();
+        EXPECT_GT(kxtest::mtime_of(local), node->modified_date);
+    }
 }
 
 TEST_F(acd_fs, ScansKeepTheirCheckpoint)
