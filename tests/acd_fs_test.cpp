@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <sys/inotify.h>
 #include <thread>
 
 #include "common/constants.h"
@@ -186,13 +187,17 @@ TEST_F(acd_fs, ContentsGoUpAndComeDown)
 TEST_F(acd_fs, ASaveDuringTheUploadStaysNewerThanTheCloudsCopy)
 {
     const std::string local = kxtest::new_folder() + "/f";
-    for (auto [send, content] : {std::pair{acd_fs_upload_file, "1"}, {acd_fs_overwrite_file, "2"}}) {
-        kxtest::write_file(local, content, 1433160000);
-        cloud.fail(
-            {{"path", "^/nodes(/[^/]+/content)?$"}, {"delay_ms", 500}}); // carried out, then answered late
-        std::thread editor([&, sent = content] {
-            kxtest::eventually([&] { return cloud.get("/f").body == sent; });
-            kxtest::write_file(local, "saved meanwhile", 1433160001);
+    const std::tuple<decltype(&acd_fs_upload_file), std::string> rows[] = {{acd_fs_upload_file, "POST"},
+                                                                           {acd_fs_overwrite_file, "PUT"}};
+    for (const auto& [send, method] : rows) {
+        kxtest::write_file(local, "before", 1433160000);
+        cloud.fail({{"method", method}, {"path", "^/nodes"}, {"delay_ms", 300}});
+        fd_owner watch(inotify_init());
+        inotify_add_watch(watch.get(), local.c_str(), IN_ACCESS);
+        std::thread editor([&] {
+            char event[sizeof(inotify_event) + 256];
+            EXPECT_GT(read(watch.get(), event, sizeof event), 0); // the content is being sent
+            kxtest::write_file(local, "after!", 1433160001);
         });
         EXPECT_EQ(send(local.c_str(), "/f", out(node)), ok);
         editor.join();
