@@ -24,13 +24,8 @@ struct acd_sync : kxtest::sync_test {
     sync_pair_list_ptr new_list() const
     {
         sync_pair_list_ptr list(acd_sync_create_sync_pair_list());
-        for (const char* name : {"good", "bad"}) {
-            acd_sync_pair_entry_t* pair = acd_sync_create_sync_pair_entry();
-            pair->local_drive_path = asprintf_str("%s/%s", base_.c_str(), name);
-            pair->cloud_drive_path = asprintf_str("/%s", name);
-            pair->need_full_downsync = pair->need_full_upsync = 1;
-            acd_sync_sync_pair_list_insert_tail(list.get(), pair);
-        }
+        for (const std::string name : {"/good", "/bad"})
+            kxtest::add_pair(list.get(), base_ + name, name);
         return list;
     }
     // Of both pairs: as a restart would find them when they are configured again.

@@ -4,7 +4,9 @@
 #include <regex>
 
 #include "common/constants.h"
+#include "common/utils.h"
 #include "kxamazon/acd_fs.h"
+#include "kxamazon/acd_sync_utils.h"
 #include "kxamazon/acd_utils.h"
 #include "kxamazon/global.h"
 #include "support/support.h"
@@ -13,6 +15,13 @@ namespace fs = std::filesystem;
 
 namespace kxtest
 {
+
+void add_pair(acd_sync_pair_list_t* list, const std::string& local, const std::string& cloud)
+{
+    acd_sync_pair_entry_t* pair = acd_sync_create_sync_pair_entry();
+    *pair = {safe_strdup(local.c_str()), safe_strdup(cloud.c_str()), 1, 1, {}};
+    acd_sync_sync_pair_list_insert_tail(list, pair);
+}
 
 sync_test::sync_test(const std::vector<std::string>& cloud_options)
     : cloud_(cloud_options), base_(new_folder("base"))
@@ -34,18 +43,15 @@ sync_test::~sync_test()
     global.log_fp = nullptr;
 }
 
-std::string sync_test::relative(std::string text) const
+std::string sync_test::relative(const std::string& text) const
 {
-    for (size_t at; (at = text.find(base_ + "/")) != std::string::npos;)
-        text.erase(at, base_.size() + 1);
-    return text;
+    return std::regex_replace(text, std::regex(base_ + "/"), "");
 }
 
 std::string sync_test::events()
 {
     std::string text = read_file(kx_event_log_path);
-    text = std::regex_replace(
-        text, std::regex("<Log [^\n]*message-tag=\"LOGMSG_AMAZONDRIVE_([A-Z_]*)\"><args"), "$1");
+    text = std::regex_replace(text, std::regex("<Log .*\"LOGMSG_AMAZONDRIVE_([A-Z_]*)\"><args"), "$1");
     text = std::regex_replace(text, std::regex(" item_[0-9]+=\"([^\"]*)\""), " $1");
     text = std::regex_replace(text, std::regex("/></Log>"), "");
     std::rewind(event_log_.get());

@@ -8,10 +8,14 @@
 #include <string>
 
 #include "common/owners.h"
+#include "kxamazon/acd_sync_pair.h"
 #include "support/cloud.h"
 
 namespace kxtest
 {
+
+// Appends a pair that owes both passes.
+void add_pair(acd_sync_pair_list_t* list, const std::string& local, const std::string& cloud);
 
 class sync_test : public testing::Test
 {
@@ -19,8 +23,7 @@ protected:
     explicit sync_test(const std::vector<std::string>& cloud_options = {});
     ~sync_test() override;
 
-    // The event records since the last call, each a line of its tag without "LOGMSG_AMAZONDRIVE_" and its
-    // items.
+    // The event records since the last call, a line each: the tag without "LOGMSG_AMAZONDRIVE_", the items.
     std::string events();
 
     // As log_of.
@@ -33,7 +36,7 @@ protected:
     std::string base_;
 
 private:
-    std::string relative(std::string text) const;
+    std::string relative(const std::string& text) const;
 
     file_ptr event_log_;
 };
