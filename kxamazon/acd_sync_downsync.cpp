@@ -28,8 +28,7 @@ bool is_deleted(const acd_node_t* node)
 }
 
 // Whether an available node that the local drive lacks is there under an older name. The change feed takes
-// the moved nodes out before any decision, so one that is still noted as moved here is a state that must not
-// be.
+// the moved nodes out before any decision, so one that is still noted as moved must not get here.
 bool was_renamed(const acd_node_t* node, const char* decision)
 {
     string_ptr old_name;

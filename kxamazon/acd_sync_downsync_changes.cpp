@@ -92,12 +92,10 @@ void has_fetched_all_changes()
 
 // The order in which the feed is applied:
 //   1. the reader writes each node to the cache before it is handed on, so the notes on older names and
-//   places
-//      are there when the node is looked at;
-//   2. a chunk is applied before its checkpoint is saved: after a crash changes come again, none is lost, and
-//      a change that was applied decides as nothing to do;
-//   3. trashed nodes leave the cache only when the feed is read to its end, as their paths are needed until
-//      then.
+//      places are there when the node is looked at;
+//   2. a chunk is applied before its checkpoint is saved: after a crash changes come again, none is lost,
+//      and a change that was applied decides as nothing to do;
+//   3. trashed nodes leave the cache only at the end of the feed, as their paths are needed until then.
 int acd_downsync_changes(acd_sync_pair_list_t* list)
 {
     if (!list)

@@ -86,9 +86,8 @@ int op_upsync_filter(const struct dirent* entry)
 }
 
 // The order of a full pass: the drive's cloud folder first, as everything below needs a parent; then each
-// local folder before what it holds, for the same reason. Nothing is removed from the cloud: a node without a
-// local twin is either new there or was deleted here while nobody watched, and only the first guess loses no
-// data.
+// local folder before what it holds, for the same reason. Nothing is removed from the cloud: a node without
+// a local twin is new there or was deleted here while nobody watched; only the first guess loses no data.
 int acd_upsync_local_path(const char* local_drive_path, const char* cloud_drive_path)
 {
     if (!local_drive_path || !cloud_drive_path)

@@ -64,8 +64,8 @@ int get_sync_path(const char* cloud_node_path, acd_sync_pair_list_t* list, acd_s
 // Stats a pair's local folder. 0, or -1 after logging under function_name when it is missing or no folder.
 int stat_local_drive_path(const char* function_name, const char* local_drive_path, struct stat* st);
 
-// Returns only for errors (an acd_fs_error_t) that a sync may skip; otherwise logs and ends the process with
-// status 1.
+// Returns only for errors (an acd_fs_error_t) that a sync may skip; for others logs and ends the process
+// with status 1.
 void handle_acd_fs_error(int err, const char* function_name, const char* file_name, int line);
 
 // The policy with the caller's own place.
