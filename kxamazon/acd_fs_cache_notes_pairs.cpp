@@ -60,8 +60,7 @@ int replace_pairs(const char* caller, sqlite3* db, const acd_sync_pair_list_t* l
     if (rc != SQLITE_OK)
         return rc;
     const acd_sync_pair_entry_t* entry;
-    TAILQ_FOREACH(entry, list, entries)
-    {
+    TAILQ_FOREACH (entry, list, entries) {
         acd_cache_error_t result = acd_cache_cache_sync_pair(db, entry);
         if (result != ACD_CACHE_ERR_OK)
             LOG_ERROR("%s: Failed to cache sync pair! %d\n", caller, result);
@@ -148,8 +147,8 @@ acd_cache_error_t acd_cache_load_sync_pair_config(acd_sync_pair_list_t* list)
         return ACD_CACHE_ERR_DB_ERROR;
 
     acd_sync_pair_entry_t* entry;
-    TAILQ_FOREACH(entry, list, entries)
-    restore_flags(entry, table.get() + ncol, nrow, ncol);
+    TAILQ_FOREACH (entry, list, entries)
+        restore_flags(entry, table.get() + ncol, nrow, ncol);
     int rc =
         sql_in_transaction(db, SQL_HERE, [=, caller = __func__] { return replace_pairs(caller, db, list); });
     return rc == SQLITE_OK ? ACD_CACHE_ERR_OK : ACD_CACHE_ERR_DB_ERROR;

@@ -10,8 +10,7 @@ int acd_downsync_cloud_drive(acd_sync_pair_list_t* list)
 {
     int result = 0;
     acd_sync_pair_entry_t* pair;
-    TAILQ_FOREACH(pair, list, entries)
-    {
+    TAILQ_FOREACH (pair, list, entries) {
         const char* cloud = pair->cloud_drive_path;
         const char* local = pair->local_drive_path;
         if (!pair->need_full_downsync) {
@@ -34,8 +33,7 @@ int acd_upsync_local_drive(acd_sync_pair_list_t* list)
 {
     int result = 0;
     acd_sync_pair_entry_t* pair;
-    TAILQ_FOREACH(pair, list, entries)
-    {
+    TAILQ_FOREACH (pair, list, entries) {
         const char* cloud = pair->cloud_drive_path;
         const char* local = pair->local_drive_path;
         if (!pair->need_full_upsync) {

@@ -116,9 +116,9 @@ void acd_free_sync_path(acd_sync_path_t* path)
 int is_nas_cloud_drive(const char* path, const acd_sync_pair_list_t* list)
 {
     const acd_sync_pair_entry_t* pair;
-    TAILQ_FOREACH(pair, list, entries)
-    if (std::strcmp(pair->cloud_drive_path, path) == 0)
-        return 1;
+    TAILQ_FOREACH (pair, list, entries)
+        if (std::strcmp(pair->cloud_drive_path, path) == 0)
+            return 1;
     return 0;
 }
 
@@ -166,8 +166,7 @@ int get_sync_path(const char* cloud_node_path, acd_sync_pair_list_t* list, acd_s
     *sync_path = nullptr;
     const int is_nas_folder = is_regular_nas_cloud_drive(cloud_node_path);
     const acd_sync_pair_entry_t* pair;
-    TAILQ_FOREACH(pair, list, entries)
-    {
+    TAILQ_FOREACH (pair, list, entries) {
         if (std::strcmp(cloud_node_path, pair->cloud_drive_path) == 0) {
             LOG_DEBUG("%s: Don't sync cloud drive path %s.\n", __func__, cloud_node_path);
             return 0;

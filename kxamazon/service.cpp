@@ -213,8 +213,7 @@ sync_pair_list_ptr load_sync_pairs()
         LOG_INFO("Cache: Load sync pair configuration successfully!\n");
 
     acd_sync_pair_entry_t* pair;
-    TAILQ_FOREACH(pair, list.get(), entries)
-    {
+    TAILQ_FOREACH (pair, list.get(), entries) {
         LOG_INFO("Setup sync [%s] <===> [%s] (need_full_downsync: %d, need_full_upsync: %d)\n",
                  pair->local_drive_path, pair->cloud_drive_path, pair->need_full_downsync,
                  pair->need_full_upsync);
@@ -246,8 +245,7 @@ acd_sync_pair_list_t* read_sync_pair_config(xmlNode* first_child)
             acd_sync_sync_pair_list_insert_tail(list.get(), read_share(node).release());
     }
     const acd_sync_pair_entry_t* pair;
-    TAILQ_FOREACH(pair, list.get(), entries)
-    {
+    TAILQ_FOREACH (pair, list.get(), entries) {
         LOG_DEBUG("%s: %s <===> %s %d %d\n", __func__, pair->local_drive_path, pair->cloud_drive_path,
                   pair->need_full_downsync, pair->need_full_upsync);
     }

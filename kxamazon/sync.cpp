@@ -47,8 +47,7 @@ int watch_pairs()
         exit(1);
     }
     const acd_sync_pair_entry_t* pair;
-    TAILQ_FOREACH(pair, global.sync_pairs, entries)
-    {
+    TAILQ_FOREACH (pair, global.sync_pairs, entries) {
         add_folder_to_watches_list(list.get(), pair->local_drive_path);
     }
     return watch_loop(list.get(), kx_idle_poll_sec, watch_notify, nullptr, watch_notify_move,

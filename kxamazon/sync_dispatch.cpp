@@ -107,8 +107,7 @@ struct syncing_status {
 char* get_cloud_node_path(const char* local_path)
 {
     const acd_sync_pair_entry_t* pair;
-    TAILQ_FOREACH(pair, global.sync_pairs, entries)
-    {
+    TAILQ_FOREACH (pair, global.sync_pairs, entries) {
         if (const char* rest = path_below(pair->local_drive_path, local_path))
             return asprintf_str("%s%s", cloud_prefix(pair), rest);
     }
@@ -125,8 +124,7 @@ int watch_notify(const char* local_path, watch_type_v2_t type, void*)
         return 0;
     }
     const acd_sync_pair_entry_t* pair;
-    TAILQ_FOREACH(pair, global.sync_pairs, entries)
-    {
+    TAILQ_FOREACH (pair, global.sync_pairs, entries) {
         const char* rest = path_below(pair->local_drive_path, local_path);
         if (!rest)
             continue;

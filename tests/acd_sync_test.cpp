@@ -39,8 +39,8 @@ struct acd_sync : kxtest::sync_test {
     {
         std::string text;
         acd_sync_pair_entry_t* pair;
-        TAILQ_FOREACH(pair, list, entries)
-        text += std::to_string(pair->need_full_downsync) + std::to_string(pair->need_full_upsync) + " ";
+        TAILQ_FOREACH (pair, list, entries)
+            text += std::to_string(pair->need_full_downsync) + std::to_string(pair->need_full_upsync) + " ";
         return text;
     }
 

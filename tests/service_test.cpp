@@ -30,8 +30,7 @@ std::string describe(const acd_sync_pair_list_t* list)
 {
     std::string text;
     const acd_sync_pair_entry_t* pair;
-    TAILQ_FOREACH(pair, list, entries)
-    {
+    TAILQ_FOREACH (pair, list, entries) {
         text += std::string(pair->local_drive_path) + "|" + pair->cloud_drive_path + "|" +
                 std::to_string(pair->need_full_downsync) + std::to_string(pair->need_full_upsync) + " ";
     }
