@@ -54,17 +54,10 @@ struct appliance {
         std::string text = read_file(root + "/etc/brisal/amazon/status.xml");
         return std::regex_search(text, found, std::regex("SYNC_STATE_[A-Z_]+")) ? found.str() : "";
     }
-    // The event log without times and with short places: "TAG item item".
+    // The event log with short places.
     std::string events() const
     {
-        std::string text = read_file(root + "/var/log/brisal/amazoncd.log");
-        text =
-            std::regex_replace(text,
-                               std::regex("<Log id=\"\" timestamp=\"[0-9]+\" localized_ts=\"\" severity=\"\" "
-                                          "category=\"\" message-tag=\"LOGMSG_AMAZONDRIVE_([A-Z_]+)\"><args"),
-                               "$1");
-        text = std::regex_replace(text, std::regex(" item_[0-9]+=\"([^\"]*)\""), " $1");
-        text = std::regex_replace(text, std::regex("/></Log>"), "");
+        std::string text = events_in(root + "/var/log/brisal/amazoncd.log");
         text = std::regex_replace(text, std::regex(photos), "PHOTOS");
         text = std::regex_replace(text, std::regex(drive), "DRIVE");
         return std::regex_replace(text, std::regex(cloud_photos), "CLOUD");

@@ -119,6 +119,14 @@ std::string log_of(const std::function<void()>& run, int verbosity)
     return std::regex_replace(raw, std::regex("\x1b\\[39m"), "");
 }
 
+std::string events_in(const std::string& path)
+{
+    std::string text = read_file(path);
+    text = std::regex_replace(text, std::regex("<Log .*\"LOGMSG_AMAZONDRIVE_([A-Z_]*)\"><args"), "$1");
+    text = std::regex_replace(text, std::regex(" item_[0-9]+=\"([^\"]*)\""), " $1");
+    return std::regex_replace(text, std::regex("/></Log>"), "");
+}
+
 void write_settings(const std::string& lines, const std::string& provision)
 {
     string_ptr sealed(encrypt_str2hexstr(provision.c_str(), 1));

@@ -30,6 +30,9 @@ std::string log_of(const std::function<void()>& run, int verbosity = 3);
 // Everything the function writes to a descriptor (1 or 2), raw.
 std::string output_of(int fd, const std::function<void()>& run);
 
+// The records of an event log, a line each: the tag without "LOGMSG_AMAZONDRIVE_", and the items.
+std::string events_in(const std::string& path);
+
 // Links the account: writes the settings file with a sealed provisioning value and these lines behind it.
 void write_settings(const std::string& lines = "AMAZONDRIVE_ACCESS_TOKEN=access\n"
                                                "AMAZONDRIVE_REFRESH_TOKEN=refresh\n",

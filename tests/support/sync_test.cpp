@@ -50,13 +50,10 @@ std::string sync_test::relative(const std::string& text) const
 
 std::string sync_test::events()
 {
-    std::string text = read_file(kx_event_log_path);
-    text = std::regex_replace(text, std::regex("<Log .*\"LOGMSG_AMAZONDRIVE_([A-Z_]*)\"><args"), "$1");
-    text = std::regex_replace(text, std::regex(" item_[0-9]+=\"([^\"]*)\""), " $1");
-    text = std::regex_replace(text, std::regex("/></Log>"), "");
+    const std::string text = relative(events_in(kx_event_log_path));
     std::rewind(event_log_.get());
     fs::resize_file(kx_event_log_path, 0);
-    return relative(text);
+    return text;
 }
 
 std::string sync_test::log(const std::function<void()>& run, int verbosity) const

@@ -23,7 +23,7 @@ protected:
     explicit sync_test(const std::vector<std::string>& cloud_options = {});
     ~sync_test() override;
 
-    // The event records since the last call, a line each: the tag without "LOGMSG_AMAZONDRIVE_", the items.
+    // As events_in, of the records since the last call.
     std::string events();
 
     // As log_of.
