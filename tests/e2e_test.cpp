@@ -1,13 +1,10 @@
 // The service as a process of its own, against a cloud that is another.
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <regex>
-#include <unistd.h>
 
-#include "common/cipher_utils.h"
 #include "common/owners.h"
+#include "support/appliance.h"
 #include "support/cloud.h"
 #include "support/process.h"
 #include "support/support.h"
@@ -17,59 +14,6 @@ using namespace kxtest;
 
 namespace
 {
-
-std::string host_name()
-{
-    char name[64] = "";
-    gethostname(name, sizeof name - 1);
-    return name;
-}
-
-// An appliance with one volume, a share on it, and the default folder.
-struct appliance {
-    explicit appliance(const cloud& its_cloud) : cloud_url(its_cloud.url())
-    {
-        string_ptr sealed(encrypt_str2hexstr("user=x&state=authorized", 1));
-        settings("AMAZONDRIVE_PROVISION=" + std::string(sealed.get()) +
-                 "\nAMAZONDRIVE_ACCESS_TOKEN='access'\nAMAZONDRIVE_REFRESH_TOKEN='refresh'\n");
-        write_file(root + "/etc/brisal/account.conf", "admin!!" + name() + "\n");
-        write_file(root + "/etc/brisal/amazon/config.xml",
-                   "<config mode=\"down\"><ShareId>" + name() + "/Photos</ShareId></config>");
-        write_file(root + "/var/log/brisal/amazoncd.log", "");
-        fs::create_directories(photos);
-        fs::create_directories(drive);
-    }
-    std::string name() const { return volume.substr(1); }
-    void settings(const std::string& text) const { write_file(root + "/etc/default/services", text); }
-
-    std::unique_ptr<process> start(std::vector<std::string> env = {}) const
-    {
-        env.push_back("KXTEST_SYSROOT=" + root);
-        env.push_back("KXTEST_CLOUD_URL=" + cloud_url);
-        return std::make_unique<process>(std::vector<std::string>{program("kxamazon"), "-d", "-v", "3"}, env);
-    }
-    std::string status() const
-    {
-        std::smatch found;
-        std::string text = read_file(root + "/etc/brisal/amazon/status.xml");
-        return std::regex_search(text, found, std::regex("SYNC_STATE_[A-Z_]+")) ? found.str() : "";
-    }
-    // The event log with short places.
-    std::string events() const
-    {
-        std::string text = events_in(root + "/var/log/brisal/amazoncd.log");
-        text = std::regex_replace(text, std::regex(photos), "PHOTOS");
-        text = std::regex_replace(text, std::regex(drive), "DRIVE");
-        return std::regex_replace(text, std::regex(cloud_photos), "CLOUD");
-    }
-
-    std::string cloud_url;
-    std::string root = new_folder("appliance");
-    std::string volume = root + "/data";
-    std::string photos = volume + "/Photos";
-    std::string drive = volume + "/AmazonCloudDrive";
-    std::string cloud_photos = "/Korvane_" + host_name() + "/Photos";
-};
 
 class EndToEnd : public testing::Test
 {

@@ -1,0 +1,35 @@
+// An appliance with one volume, a share on it and the default folder, linked to a cloud; and its service as a
+// process of its own. Everything lies below a new folder of the test's.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/cloud.h"
+#include "support/process.h"
+#include "support/support.h"
+
+namespace kxtest
+{
+
+struct appliance {
+    explicit appliance(const cloud& its_cloud);
+
+    std::string name() const { return volume.substr(1); }
+    void settings(const std::string& text) const;
+    std::string status() const; // the state that the status file names
+    std::string events() const; // the event log with short places
+
+    // The service, with these settings of its environment.
+    std::unique_ptr<process> start(std::vector<std::string> env = {}) const;
+
+    std::string cloud_url;
+    std::string root = new_folder("appliance");
+    std::string volume = root + "/data";
+    std::string photos = volume + "/Photos";
+    std::string drive = volume + "/AmazonCloudDrive";
+    std::string cloud_photos; // the share's folder in the cloud
+};
+
+} // namespace kxtest
