@@ -152,6 +152,11 @@ void cloud::edit(const json& change) const
     order(url_, "POST", "/control/node", change.dump());
 }
 
+void cloud::clear_faults() const
+{
+    order(url_, "DELETE", "/control/faults");
+}
+
 void cloud::expire_token() const
 {
     order(url_, "POST", "/control/expire");

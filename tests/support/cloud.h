@@ -45,6 +45,7 @@ public:
     // Applies the fault to the next matching requests, e.g.
     // {"method":"GET","path":"^/nodes/","times":1,"status":500,"body":"..."}; see cloud/README.md.
     void fail(const nlohmann::json& fault) const;
+    void clear_faults() const;
     void expire_token() const;
     void set_clock_offset(int seconds) const;      // the server's time ahead of ours
     void edit(const nlohmann::json& change) const; // e.g. {"path":"/a","modifiedDate":"2015-06-01T12:00:00Z"}

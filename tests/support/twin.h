@@ -1,0 +1,137 @@
+// A model of what the service promises, and a small world that is driven beside it: an appliance, its cloud,
+// and a random list of steps that change either side, stop, kill and restart the service and disturb its
+// requests.
+//
+// The model is two trees. Which side wins a conflict is decided by whole-second times, so the world sets
+// them: every step has its own stretch of 1000 seconds, which the cloud's clock enters, and local times lie
+// half a stretch before or behind. All stretches lie in the past, as real changes do: whatever the service
+// leaves with the present time looks newer than the cloud.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/appliance.h"
+
+namespace kxtest
+{
+
+struct entry_t {
+    bool is_dir = false;
+    std::string content;
+    bool operator==(const entry_t&) const = default;
+};
+
+// By path: "D/..." in the default folder and the cloud's root, "P/..." in the share and its cloud folder.
+using tree_t = std::map<std::string, entry_t>;
+
+// What one step does is drawn from the state that it finds, so that a list stays meaningful when steps are
+// taken out of it.
+struct step_t {
+    int kind;
+    unsigned draw[4];
+};
+
+std::vector<step_t> random_steps(unsigned seed, size_t count);
+
+class twin_failure : public std::runtime_error
+{
+    using runtime_error::runtime_error;
+};
+
+class twin_world
+{
+public:
+    twin_world(size_t steps, double patience_sec);
+
+    // Both throw twin_failure when the sides and the model disagree, or the service ended on its own.
+    void take(const step_t& step);
+    void finish(); // the last agreement, and a restart that transfers nothing
+
+    const std::vector<std::string>& story() const { return story_; } // what the steps did, a line each
+    std::string log() const;                                         // the last service's
+
+private:
+    enum side_t { local_side, cloud_side };
+    struct pending_t {
+        side_t side;
+        std::string path;
+        bool structural;
+    };
+    using paths_t = std::vector<std::string>;
+
+    // Places
+    std::string local_path(const std::string& path) const;
+    std::string cloud_path(const std::string& path) const;
+    time_t now() const; // the cloud's
+    void enter_step();
+
+    // Choices, empty when there is none
+    std::string pick(const tree_t& tree, unsigned draw, bool want_dir, bool want_file) const;
+    std::string pick_folder(unsigned draw) const;
+    std::string new_name(const std::string& folder, const step_t& step, side_t side) const;
+    std::string free_path(const std::string& folder, const std::string& name) const;
+    std::string new_content(unsigned draw);
+    bool has_orphans(const std::string& path) const;
+
+    // Steps
+    void local_write(const step_t& step, bool is_new);
+    void local_tree(const step_t& step);
+    void local_save_as(const step_t& step);
+    void local_relocate(const step_t& step, bool is_move);
+    void local_delete(const step_t& step);
+    void cloud_write(const step_t& step, bool is_new);
+    void cloud_mkdir(const step_t& step);
+    void cloud_relocate(const step_t& step, bool is_move);
+    void cloud_trash(const step_t& step);
+    void conflict(const step_t& step);
+    void disturb(const step_t& step);
+    void go_offline(bool kill, unsigned draw);
+    std::string new_place(const step_t& step, const std::string& path, bool is_move, side_t side);
+
+    // The service
+    void start();
+    void await_live();
+    void settle();
+    void await_agreement();
+    void check_alive();
+    void quiesce();
+    void prepare(side_t side, const paths_t& paths, bool structural, bool carries_edits = false);
+    void note(side_t side, const std::string& path, bool structural);
+    void tell(const std::string& line);
+    void set_faults(nlohmann::json faults);
+
+    // Comparison: an empty text when all is as the model says
+    tree_t local_tree_now() const;
+    tree_t cloud_tree_now() const;
+    void read_cloud(const std::string& from, const std::string& path, tree_t& tree) const;
+    std::string difference();
+
+    cloud cloud_;
+    appliance nas_{cloud_};
+    std::unique_ptr<process> service_;
+    std::string last_log_;
+    bool live_ = false;
+
+    tree_t local_;
+    tree_t remote_;
+    // What the cloud may hold besides: the places that a local move or delete left, when the service may have
+    // ended before it passed it on. Nobody tells it afterwards, so the cloud's copy stays.
+    std::multimap<std::string, entry_t> risk_;
+    std::set<std::string> gone_; // names that left since the last agreement; not used again before it
+    std::vector<pending_t> pending_;
+    bool interrupted_ = false; // the service ended with events unread, or was disturbed
+    bool disturbed_ = false;
+
+    long step_ = 0;
+    long steps_;
+    double patience_sec_; // how long the sides may take to agree
+    unsigned contents_ = 0;
+    std::vector<std::string> story_;
+};
+
+} // namespace kxtest
