@@ -7,6 +7,7 @@ const char* const kx_status_path = KX_SYSROOT "/etc/brisal/amazon/status.xml";
 const char* const kx_event_log_path = KX_SYSROOT "/var/log/brisal/amazoncd.log";
 const char* const kx_cache_path = KX_SYSROOT "/var/cache/kxamazon/acd_fs_cache";
 const char* const ACD_FS_CHECKPOINT = KX_SYSROOT "/var/cache/kxamazon/checkpoint";
+const char* const kx_download_note_path = KX_SYSROOT "/var/cache/kxamazon/download";
 const char* const kx_max_user_watches_path = "/proc/sys/fs/inotify/max_user_watches";
 
 const char* const kx_account_url = KX_ACCOUNT_URL;

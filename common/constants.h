@@ -13,6 +13,7 @@ extern const char* const kx_status_path;           // state for the management i
 extern const char* const kx_event_log_path;        // user-visible events, one XML record a line, appended
 extern const char* const kx_cache_path;            // SQLite node cache
 extern const char* const ACD_FS_CHECKPOINT;        // position in the cloud's change feed
+extern const char* const kx_download_note_path;    // the download under way
 extern const char* const kx_max_user_watches_path; // the kernel's limit of inotify watches
 
 // Addresses: scheme and host[:port], without a path and without a closing slash.

@@ -76,6 +76,11 @@ char* get_val_from_qstring(const char* key, const char* qs);
 // made or is no folder.
 int mkdir_p(const char* path, mode_t mode);
 
+// Replaces a file by one of this content: whoever reads it, also after a crash, finds the old content or the
+// new, never a mixture or half of it. A durable one is on the disk before it takes the place, so that this
+// holds after a power cut too. 0 on success; -1, with the old file in place, when it cannot be written.
+int replace_file(const char* path, const char* content, bool durable);
+
 // Appends strings, up to a null, to base (a malloc'd string or null), which is consumed. Returns the result.
 char* strappend(char* base, ...) __attribute__((sentinel));
 

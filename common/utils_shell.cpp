@@ -107,6 +107,14 @@ bool make_folder(const char* path, mode_t mode)
     return errno == EEXIST && stat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+// The file that takes a path's place belongs to the same owner and opens to the same readers.
+void keep_owner(const char* path, int fresh)
+{
+    struct stat st;
+    if (stat(path, &st) == 0 && (fchown(fresh, st.st_uid, st.st_gid) != 0 || fchmod(fresh, st.st_mode) != 0))
+        LOG_DEBUG("%s: Failed to keep the owner of %s! errno=%d\n", __func__, path, errno);
+}
+
 } // namespace
 
 int safe_system(const char* cmd)
@@ -181,6 +189,22 @@ int mkdir_p(const char* path, mode_t mode)
             return -1;
     }
     return *path ? 0 : -1;
+}
+
+int replace_file(const char* path, const char* content, bool durable)
+{
+    const std::string fresh = std::string(path) + ".new";
+    file_ptr file(fopen(fresh.c_str(), "wb"));
+    if (!file)
+        return -1;
+    keep_owner(path, fileno(file.get()));
+    bool written = fputs(content, file.get()) >= 0 && fflush(file.get()) == 0 &&
+                   (!durable || fdatasync(fileno(file.get())) == 0);
+    written = fclose(file.release()) == 0 && written;
+    if (written && rename(fresh.c_str(), path) == 0)
+        return 0;
+    unlink(fresh.c_str());
+    return -1;
 }
 
 void kx_sleep_ms(unsigned ms)

@@ -1,9 +1,9 @@
 #include "kxamazon/acd_fs.h"
 
 #include <cstring>
-#include <utility>
-
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <utility>
 
 #include "common/constants.h"
 #include "common/paths.h"
@@ -13,6 +13,7 @@
 #include "kxamazon/acd_fs_checkpoint.h"
 #include "kxamazon/acd_fs_io.h"
 #include "kxamazon/acd_utils.h"
+#include "kxamazon/download_note.h"
 #include "kxamazon/global.h"
 
 namespace
@@ -230,6 +231,23 @@ void take_cloud_time(const char* caller, const char* local_path, const acd_node_
     LOG_DEBUG("%s: Set local node %s modified time to %s\n", caller, local_path, acd_time_to_string(time));
 }
 
+// Empties the file like any opening for writing, but takes nothing but a file: a pipe that stands in its
+// place would hold up everything. Unbuffered, so that closing it writes nothing.
+file_ptr open_for_download(const char* path)
+{
+    fd_owner fd(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666));
+    struct stat st;
+    if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
+        return nullptr;
+    download_write opened(fd.get());
+    file_ptr file(fdopen(fd.get(), "wb"));
+    if (!file)
+        return nullptr;
+    fd.release();
+    setvbuf(file.get(), nullptr, _IONBF, 0);
+    return file;
+}
+
 // ---- Changes ----
 
 void has_fetched_chunk_size_nodes(const char* checkpoint)
@@ -356,13 +374,13 @@ acd_fs_error_t acd_fs_download_file(const char* id, const char* local_path)
     if (!id || !local_path)
         return ACD_FS_ERR_INVALID_ARGUMENTS;
     mkdir_p(folder_of_path(local_path).c_str(), global.dmode);
-    file_ptr file(fopen(local_path, "wb"));
+    file_ptr file = open_for_download(local_path);
     if (!file) {
         LOG_ERROR("Cannot open %s.\n", local_path);
         return ACD_FS_ERR_LOCAL_IO;
     }
     auto rc = acd_io_download_file(id, file.get());
-    // A full volume may show only when the last bytes are written.
+    // A full volume may show only now.
     bool closed = fclose(file.release()) == 0;
     return rc == ACD_FS_ERR_OK && !closed ? ACD_FS_ERR_LOCAL_IO : rc;
 }

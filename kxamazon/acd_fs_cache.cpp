@@ -133,21 +133,12 @@ int upgrade_db(int in_memory, sqlite_ptr& db)
     return __open_db(in_memory, db);
 }
 
-// Puts what was written to the file on the disk, if there is such a file. Closing it would drop this
-// process's locks on it; SQLite holds none on its log.
-void sync_file(const char* path)
+// Puts the write-ahead log on the disk, if there is one; false when the disk refused. Closing the database
+// file would drop this process's locks on it; SQLite holds none on its log.
+bool sync_log()
 {
-    fd_owner file(open(path, O_RDONLY | O_CLOEXEC));
-    if (file)
-        fdatasync(file.get());
-}
-
-// A new file with this content, on the disk when it answers true.
-bool write_durably(const char* path, const char* content)
-{
-    file_ptr file(std::fopen(path, "w"));
-    return file && std::fputs(content, file.get()) >= 0 && std::fflush(file.get()) == 0 &&
-           fdatasync(fileno(file.get())) == 0;
+    fd_owner file(open((std::string(kx_cache_path) + "-wal").c_str(), O_RDONLY | O_CLOEXEC));
+    return !file || fdatasync(file.get()) == 0;
 }
 
 bool init_schema(sqlite3* db)
@@ -238,10 +229,6 @@ void acd_cache_cache_checkpoint(const char* checkpoint)
     if (!checkpoint)
         return;
     // After a power cut the feed must not go on from behind what the cache still knows.
-    sync_file((std::string(kx_cache_path) + "-wal").c_str());
-    std::string path = std::string(ACD_FS_CHECKPOINT) + ".new";
-    if (!write_durably(path.c_str(), checkpoint) || std::rename(path.c_str(), ACD_FS_CHECKPOINT) != 0) {
+    if (!sync_log() || replace_file(ACD_FS_CHECKPOINT, checkpoint, true) != 0)
         LOG_ERROR("%s: Failed to open %s for writing!\n", __func__, ACD_FS_CHECKPOINT);
-        unlink(path.c_str());
-    }
 }

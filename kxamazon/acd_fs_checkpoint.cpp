@@ -9,6 +9,7 @@
 #include "kxamazon/acd_fs_cache.h"
 #include "kxamazon/acd_fs_io.h"
 #include "kxamazon/acd_sync_utils.h"
+#include "kxamazon/download_note.h"
 
 namespace
 {
@@ -54,8 +55,10 @@ void acd_fs_set_checkpoint(const char* text)
 
 void acd_fs_save_checkpoint()
 {
-    if (current_checkpoint)
-        acd_cache_cache_checkpoint(current_checkpoint.get());
+    if (!current_checkpoint)
+        return;
+    download_note_sync();
+    acd_cache_cache_checkpoint(current_checkpoint.get());
 }
 
 void acd_fs_set_save_checkpoint(const char* text)

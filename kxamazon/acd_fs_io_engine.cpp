@@ -16,6 +16,7 @@
 #include "common/owners.h"
 #include "common/utils.h"
 #include "kxamazon/acd_utils.h"
+#include "kxamazon/download_note.h"
 #include "kxamazon/global.h"
 
 namespace
@@ -128,9 +129,17 @@ void populate_headers(acd_io_session_t* session)
 // What an earlier attempt wrote, an error reply or half a body, must not mix with the content.
 void empty_file(FILE* fp)
 {
+    download_write write(fileno(fp));
     std::rewind(fp);
     if (ftruncate(fileno(fp), 0) != 0)
         LOG_ERROR("%s: Failed to truncate the file! errno=%d\n", __func__, errno);
+}
+
+size_t write_file(void* b, size_t sz, size_t n, void* fp)
+{
+    auto* file = static_cast<FILE*>(fp);
+    download_write write(fileno(file));
+    return std::fwrite(b, sz, n, file);
 }
 
 void populate_reply(acd_io_session_t* session)
@@ -142,7 +151,7 @@ void populate_reply(acd_io_session_t* session)
     }
     if (session->download_fp) {
         empty_file(session->download_fp);
-        curl_easy_setopt(session->handle, CURLOPT_WRITEFUNCTION, nullptr);
+        curl_easy_setopt(session->handle, CURLOPT_WRITEFUNCTION, write_file);
         curl_easy_setopt(session->handle, CURLOPT_WRITEDATA, session->download_fp);
     }
 }

@@ -11,6 +11,7 @@
 #include "kxamazon/acd_sync_report.h"
 #include "kxamazon/acd_sync_utils.h"
 #include "kxamazon/acd_utils.h"
+#include "kxamazon/download_note.h"
 #include "kxamazon/global.h"
 #include "kxamazon/linux_fs.h"
 
@@ -34,6 +35,19 @@ string_ptr sibling_path(const char* path, const char* name)
 {
     const int folder_len = static_cast<int>(std::strrchr(path, '/') - path);
     return string_ptr(asprintf_str("%.*s/%s", folder_len, path, name));
+}
+
+void download_node(const acd_node_t* node, const acd_sync_path_t* sync_path)
+{
+    const char* local_path = sync_path->local_node_path;
+    add_log("LOGMSG_AMAZONDRIVE_DOWNLOADING", local_path, nullptr);
+    if (auto rc = acd_fs_download_file(node->id, local_path); rc != ACD_FS_ERR_OK) {
+        handle_acd_fs_error(rc, "op_downsync_add_node", __FILE_NAME__, __LINE__);
+        LOG_ERROR("Failed to download file '%s' --> '%s'\n", sync_path->cloud_node_path, local_path);
+        return;
+    }
+    report_sync_action(sync_file_action_to_string(SYNC_FILE_ACTION_ADD), "LOGMSG_AMAZONDRIVE_LOCAL_DOWNLOAD",
+                       local_path);
 }
 
 } // namespace
@@ -62,26 +76,22 @@ void add_local_folder(const char* function_name, const char* cloud_path, const c
                        local_path);
 }
 
-// The time is set last, since writing the content sets it too, and after a failure all the same.
+// The time is set last, since writing the content sets it too, and after a failure all the same. Only then is
+// the download over: what ends the process before that leaves the note of it.
 int op_downsync_add_node(const acd_node_t* node, acd_sync_path_t* sync_path)
 {
-    const char* cloud_path = sync_path->cloud_node_path;
-    const char* local_path = sync_path->local_node_path;
     if (node->kind == NODE_KIND_FOLDER) {
-        add_local_folder(__func__, cloud_path, local_path);
-    } else if (node->kind == NODE_KIND_FILE) {
-        add_log("LOGMSG_AMAZONDRIVE_DOWNLOADING", local_path, nullptr);
-        if (auto rc = acd_fs_download_file(node->id, local_path); rc != ACD_FS_ERR_OK) {
-            HANDLE_ACD_FS_ERROR(rc);
-            LOG_ERROR("Failed to download file '%s' --> '%s'\n", cloud_path, local_path);
-        } else {
-            report_sync_action(sync_file_action_to_string(SYNC_FILE_ACTION_ADD),
-                               "LOGMSG_AMAZONDRIVE_LOCAL_DOWNLOAD", local_path);
-        }
-    } else {
-        return 0;
+        add_local_folder(__func__, sync_path->cloud_node_path, sync_path->local_node_path);
+        return op_downsync_update_mtime_node(node, sync_path);
     }
-    return op_downsync_update_mtime_node(node, sync_path);
+    if (node->kind != NODE_KIND_FILE)
+        return 0;
+    download_note note(sync_path->local_node_path, node->modified_date);
+    download_node(node, sync_path);
+    op_downsync_update_mtime_node(node, sync_path);
+    if (!note.finish())
+        HANDLE_ACD_FS_ERROR(ACD_FS_IO_ERR_READ_WRITE_ERROR);
+    return 0;
 }
 
 int op_downsync_update_mtime_node(const acd_node_t* node, acd_sync_path_t* sync_path)

@@ -7,6 +7,7 @@
 #include "common/utils.h"
 #include "kxamazon/acd_sync.h"
 #include "kxamazon/acd_sync_downsync.h"
+#include "kxamazon/download_note.h"
 #include "kxamazon/global.h"
 
 namespace
@@ -21,12 +22,14 @@ void upsync_with_status()
     write_status(SYNC_STATE_UP_TO_DATE);
 }
 
-// Cloud first, so that what changed there while the service was down is not overwritten by older local
-// copies; the feed after the full pass, so that nothing that changed during the pass is missed. A stop asked
-// for on the way leaves the upload out.
+// What an interrupted download left goes before anything is compared with the cloud, and before any watch
+// could take its going for the owner's. Cloud first, so that what changed there while the service was down is
+// not overwritten by older local copies; the feed after the full pass, so that nothing that changed during
+// the pass is missed. A stop asked for on the way leaves the upload out.
 void initial_sync()
 {
     write_status(SYNC_STATE_SYNCING);
+    download_note_recover();
     if (int rc = acd_downsync_cloud_drive(global.sync_pairs); rc != 0)
         LOG_ERROR("%s: Failed to downsync cloud drive! %d\n", "sync_folder", rc);
     if (int rc = acd_downsync_changes(global.sync_pairs); rc != 0)

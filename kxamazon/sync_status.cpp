@@ -3,6 +3,7 @@
 
 #include "common/constants.h"
 #include "common/owners.h"
+#include "common/utils.h"
 #include "kxamazon/global.h"
 #include "kxamazon/sync.h"
 
@@ -20,21 +21,19 @@ const char* const sync_state_texts[] = {
 
 void write_status(sync_state_t state)
 {
-    file_ptr file(fopen(kx_status_path, "wb"));
-    if (!file)
-        return;
-    global.sync_state = state;
-    fprintf(file.get(),
-            "<ACDStatus>\n"
-            "  <SyncState>%s</SyncState>\n"
-            "  <Current>%d</Current>\n"
-            "  <Total>%d</Total>\n"
-            "  <Percentage>%d</Percentage>\n"
-            "  <ProgressMsg>%s</ProgressMsg>\n"
-            "  <LastSync>%ld</LastSync>\n"
-            "</ACDStatus>\n",
-            sync_state_texts[state], global.current, global.total, global.percentage,
-            global.progress_msg ? global.progress_msg : "(null)", global.last_sync);
+    string_ptr text(asprintf_str("<ACDStatus>\n"
+                                 "  <SyncState>%s</SyncState>\n"
+                                 "  <Current>%d</Current>\n"
+                                 "  <Total>%d</Total>\n"
+                                 "  <Percentage>%d</Percentage>\n"
+                                 "  <ProgressMsg>%s</ProgressMsg>\n"
+                                 "  <LastSync>%ld</LastSync>\n"
+                                 "</ACDStatus>\n",
+                                 sync_state_texts[state], global.current, global.total, global.percentage,
+                                 shown(global.progress_msg), global.last_sync));
+    // Not waited for to be on the disk: it is written with every event, and anew at every start.
+    if (text && replace_file(kx_status_path, text.get(), false) == 0)
+        global.sync_state = state;
 }
 
 void update_progress_msg(const char* fmt, ...)

@@ -73,6 +73,7 @@ const char* const kx_status_path = place("/etc/brisal/amazon/status.xml");
 const char* const kx_event_log_path = place("/var/log/brisal/amazoncd.log");
 const char* const kx_cache_path = place("/var/cache/kxamazon/acd_fs_cache");
 const char* const ACD_FS_CHECKPOINT = place("/var/cache/kxamazon/checkpoint");
+const char* const kx_download_note_path = place("/var/cache/kxamazon/download");
 const char* const kx_max_user_watches_path = place("/proc/max_user_watches");
 
 const char* const kx_account_url = address(account_url, sizeof account_url, "KXTEST_CLOUD_URL");
