@@ -1,6 +1,10 @@
 # The usual names of the scripts.
-.PHONY: demo check
+.PHONY: demo check deb html
 demo:
 	scripts/demo
 check:
 	scripts/check
+deb:
+	scripts/package
+html:
+	scripts/manual html
