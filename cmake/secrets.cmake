@@ -4,6 +4,10 @@ if(KXAMAZON_SECRETS)
     return()
 endif()
 
+if(CMAKE_CROSSCOMPILING AND NOT CMAKE_CROSSCOMPILING_EMULATOR)
+    message(FATAL_ERROR "kxkeygen cannot run here: set -DKXAMAZON_SECRETS=FILE")
+endif()
+
 set(KXAMAZON_SECRETS_HEADER ${CMAKE_BINARY_DIR}/secrets/kx_secrets.h)
 set(credential_file ${CMAKE_BINARY_DIR}/secrets/client_credential.txt)
 file(CONFIGURE OUTPUT ${credential_file} CONTENT "@KXAMAZON_CLIENT_ID@:@KXAMAZON_CLIENT_SECRET@" @ONLY)
