@@ -61,7 +61,7 @@ std::string written_to(FILE* file)
 
 std::string program(const std::string& name)
 {
-    return (name == "kxamazon" ? KXTEST_TEST_DIR "/" : KXTEST_BIN_DIR "/") + name;
+    return (name == "kxamazon" || name.ends_with(".so") ? KXTEST_TEST_DIR "/" : KXTEST_BIN_DIR "/") + name;
 }
 
 process::process(const std::vector<std::string>& argv, const std::vector<std::string>& env)

@@ -12,6 +12,7 @@ namespace kxtest
 {
 
 // The path of a program of this build. "kxamazon" is the one with the tests' own constants.
+// A NAME.so is a library of the tests.
 std::string program(const std::string& name);
 
 struct run_result_t {

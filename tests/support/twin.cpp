@@ -23,29 +23,6 @@ namespace
 
 constexpr long stretch_sec = 1000;
 
-// What may be asked of either side.
-enum kind_t {
-    LOCAL_CREATE,
-    LOCAL_EDIT,
-    LOCAL_TREE,
-    LOCAL_SAVE_AS,
-    LOCAL_RENAME,
-    LOCAL_MOVE,
-    LOCAL_DELETE,
-    CLOUD_CREATE,
-    CLOUD_EDIT,
-    CLOUD_MKDIR,
-    CLOUD_RENAME,
-    CLOUD_MOVE,
-    CLOUD_TRASH,
-    CONFLICT,
-    SETTLE,
-    STOP,
-    KILL,
-    START,
-    DISTURB,
-    KIND_COUNT
-};
 const double weights[KIND_COUNT] = {8, 6, 3, 2, 4, 4, 4, 8, 6, 3, 5, 5, 4, 4, 6, 3, 4, 5, 3};
 
 const std::string longest(251, 'L');
@@ -161,7 +138,7 @@ std::vector<step_t> random_steps(unsigned seed, size_t count)
     std::discrete_distribution<int> kind(std::begin(weights), std::end(weights));
     std::vector<step_t> steps(count);
     for (step_t& step : steps) {
-        step.kind = kind(random);
+        step.kind = static_cast<kind_t>(kind(random));
         for (unsigned& draw : step.draw)
             draw = static_cast<unsigned>(random());
     }
@@ -506,6 +483,9 @@ void twin_world::cloud_trash(const step_t& step)
     note(cloud_side, path, true);
     for (const std::string& each : with_below(remote_, path))
         gone_.insert(each);
+    if (local_[path].is_dir)
+        for (const std::string& each : with_below(local_, path))
+            half_gone_.emplace(each, local_[each]);
     erase(local_, path);
     erase(remote_, path);
     cloud_.trash(cloud_path(path));
@@ -589,7 +569,7 @@ void twin_world::go_offline(bool kill, unsigned draw)
     } else {
         service_->signal(SIGUSR1);
         const int status = service_->wait(30);
-        if (status != 0 && !disturbed_)
+        if (status != 0 && !disturbed_ && !is_crash(status))
             throw twin_failure("the service ended with status " + std::to_string(status) +
                                " when it was told to stop");
     }
@@ -604,8 +584,25 @@ void twin_world::start()
     if (service_)
         return;
     tell("start");
-    service_ = nas_.start({"KXTEST_IDLE_SEC=0"});
+    std::vector<std::string> env = {"KXTEST_IDLE_SEC=0"};
+    env.insert(env.end(), crash_.begin(), crash_.end());
+    service_ = nas_.start(env);
     live_ = false;
+}
+
+void twin_world::crash_at(long call, const std::string& count_file)
+{
+    crash_ = {"LD_PRELOAD=" + program("libcrash_point.so"), "KXCRASH_AT=" + std::to_string(call),
+              "KXCRASH_COUNT=" + count_file, "ASAN_OPTIONS=verify_asan_link_order=0"};
+}
+
+// Only the first one is meant to end so.
+bool twin_world::is_crash(int status)
+{
+    if (status != 128 + SIGKILL || crash_.empty())
+        return false;
+    crash_.clear();
+    return interrupted_ = true;
 }
 
 // A disturbed request may end the service, as its faults do; it is then started again, as the system does.
@@ -614,9 +611,10 @@ void twin_world::check_alive()
     const int status = service_->wait(0);
     if (status == -1)
         return;
-    if (!disturbed_ || (status != 1 && status != 255))
+    const bool crashed = is_crash(status);
+    if (!crashed && (!disturbed_ || (status != 1 && status != 255)))
         throw twin_failure("the service ended with status " + std::to_string(status));
-    tell("(the service gave up)");
+    tell(crashed ? "(the service crashed)" : "(the service gave up)");
     last_log_ = service_->err();
     service_.reset();
     start();
@@ -690,18 +688,29 @@ std::string twin_world::difference()
             if (!model.contains(path))
                 text += std::string(side) + " has " + path + " (" + shown(entry) + ") too many\n";
     };
-    compare("local", local_, local_tree_now());
+    tree_t real = local_tree_now();
+    tree_t model = local_;
+    tree_t left;
+    for (const auto& [path, entry] : half_gone_)
+        if (auto found = real.find(path); interrupted_ && found != real.end() && found->second == entry)
+            left.emplace(path, entry);
+    model.insert(left.begin(), left.end());
+    compare("local", model, real);
     if (!text.empty())
         return text;
-    tree_t real = cloud_tree_now();
-    tree_t model = remote_;
+    tree_t local_model = model;
+    real = cloud_tree_now();
+    model = remote_;
+    model.insert(left.begin(), left.end());
     for (const auto& [path, entry] : risk_)
         if (auto found = real.find(path);
             interrupted_ && found != real.end() && !remote_.contains(path) && found->second == entry)
             model[path] = entry;
     compare("cloud", model, real);
-    if (text.empty())
-        remote_ = model;
+    if (!text.empty())
+        return text;
+    local_ = local_model;
+    remote_ = model;
     return text;
 }
 
@@ -755,6 +764,7 @@ void twin_world::settle()
     tell("agreed");
     pending_.clear();
     risk_.clear();
+    half_gone_.clear();
     gone_.clear();
     interrupted_ = false;
     // A folder's time is that of its last change, as it is where both clocks show the same time.

@@ -29,10 +29,34 @@ struct entry_t {
 // By path: "D/..." in the default folder and the cloud's root, "P/..." in the share and its cloud folder.
 using tree_t = std::map<std::string, entry_t>;
 
+// What may be asked of either side.
+enum kind_t {
+    LOCAL_CREATE,
+    LOCAL_EDIT,
+    LOCAL_TREE,
+    LOCAL_SAVE_AS,
+    LOCAL_RENAME,
+    LOCAL_MOVE,
+    LOCAL_DELETE,
+    CLOUD_CREATE,
+    CLOUD_EDIT,
+    CLOUD_MKDIR,
+    CLOUD_RENAME,
+    CLOUD_MOVE,
+    CLOUD_TRASH,
+    CONFLICT,
+    SETTLE,
+    STOP,
+    KILL,
+    START,
+    DISTURB,
+    KIND_COUNT
+};
+
 // What one step does is drawn from the state that it finds, so that a list stays meaningful when steps are
 // taken out of it.
 struct step_t {
-    int kind;
+    kind_t kind;
     unsigned draw[4];
 };
 
@@ -50,7 +74,14 @@ public:
 
     // Both throw twin_failure when the sides and the model disagree, or the service ended on its own.
     void take(const step_t& step);
+    void settle();
+    void start();
+    void await_live();
     void finish(); // the last agreement, and a restart that transfers nothing
+
+    // The services that are started from now on, up to the one that this ends, die at that call; 0 only
+    // counts.
+    void crash_at(long call, const std::string& count_file);
 
     const std::vector<std::string>& story() const { return story_; } // what the steps did, a line each
     std::string log() const;                                         // the last service's
@@ -94,11 +125,9 @@ private:
     std::string new_place(const step_t& step, const std::string& path, bool is_move, side_t side);
 
     // The service
-    void start();
-    void await_live();
-    void settle();
     void await_agreement();
     void check_alive();
+    bool is_crash(int status);
     void quiesce();
     void prepare(side_t side, const paths_t& paths, bool structural, bool carries_edits = false);
     void note(side_t side, const std::string& path, bool structural);
@@ -115,6 +144,7 @@ private:
     appliance nas_{cloud_};
     std::unique_ptr<process> service_;
     std::string last_log_;
+    std::vector<std::string> crash_; // the environment that makes it crash
     bool live_ = false;
 
     tree_t local_;
@@ -122,6 +152,9 @@ private:
     // What the cloud may hold besides: the places that a local move or delete left, when the service may have
     // ended before it passed it on. Nobody tells it afterwards, so the cloud's copy stays.
     std::multimap<std::string, entry_t> risk_;
+    // Trashed folders with what they held. A service that is killed while it empties one leaves it newer than
+    // the cloud's change, and a newer folder is kept with what is left in it.
+    tree_t half_gone_;
     std::set<std::string> gone_; // names that left since the last agreement; not used again before it
     std::vector<pending_t> pending_;
     bool interrupted_ = false; // the service ended with events unread, or was disturbed
