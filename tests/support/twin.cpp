@@ -114,9 +114,15 @@ std::string one_line(const std::string& path)
     std::string text;
     for (char c : path)
         text += c == '\n' ? std::string("\\n") : c == '\t' ? std::string("\\t") : std::string(1, c);
-    for (size_t at; (at = text.find(longest)) != std::string::npos;)
-        text.replace(at, longest.size(), "L{251}");
+    const std::string tail = longest.substr(1); // the first letter may change its case
+    for (size_t at; (at = text.find(tail)) != std::string::npos;)
+        text.replace(at, tail.size(), "{250}");
     return text;
+}
+
+bool can_be_sent(const std::string& path)
+{
+    return path.find_first_of("\"\\\n\t") == std::string::npos;
 }
 
 std::string shown(const entry_t& entry)
@@ -363,10 +369,10 @@ void twin_world::local_relocate(const step_t& step, bool is_move)
     const std::string from = pick(local_, step.draw[0], true, true);
     if (from.empty())
         return;
-    // The service cannot make such a name anew, should the old node be left behind.
-    for (const std::string& each : with_below(local_, from))
-        if (each.find_first_of("\"\\\n\t") != std::string::npos)
-            return;
+    // Should the old node be left behind, all names have to be made anew.
+    const paths_t all = with_below(local_, from);
+    if (!std::all_of(all.begin(), all.end(), can_be_sent))
+        return;
     const std::string to = new_place(step, from, is_move, local_side);
     if (to.empty())
         return;
@@ -499,7 +505,7 @@ void twin_world::conflict(const step_t& step)
     const bool is_trashed = step.draw[3] % 4 == 1;
     std::string path = is_new ? new_name(pick_folder(step.draw[0]), step, local_side)
                               : pick(local_, step.draw[0], false, true);
-    if (path.empty())
+    if (path.empty() || (is_trashed && !can_be_sent(name_of(path))))
         return;
     prepare(cloud_side, {path}, true);
     go_offline(false, 0);
@@ -569,7 +575,8 @@ void twin_world::go_offline(bool kill, unsigned draw)
     } else {
         service_->signal(SIGUSR1);
         const int status = service_->wait(30);
-        if (status != 0 && !disturbed_ && !is_crash(status))
+        const bool just_begun = status == 128 + SIGUSR1; // before it could take the signal
+        if (status != 0 && !disturbed_ && !just_begun && !is_crash(status))
             throw twin_failure("the service ended with status " + std::to_string(status) +
                                " when it was told to stop");
     }
