@@ -172,12 +172,14 @@ void cloud::forget_requests() const
     order(url_, "DELETE", "/control/requests");
 }
 
-int cloud::count(const std::string& method, const std::string& path_regex) const
+int cloud::count(const std::string& method_regex, const std::string& path_regex) const
 {
+    std::regex method(method_regex);
     std::regex path(path_regex);
     int count = 0;
     for (const json& request : requests())
-        count += request["method"] == method && std::regex_search(request["path"].get<std::string>(), path);
+        count += std::regex_match(request["method"].get<std::string>(), method) &&
+                 std::regex_search(request["path"].get<std::string>(), path);
     return count;
 }
 

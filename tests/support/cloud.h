@@ -52,7 +52,8 @@ public:
     nlohmann::json
     requests() const; // drive requests only: method, path, query, headers, body, body_size, status
     void forget_requests() const;
-    int count(const std::string& method, const std::string& path_regex) const; // of those received
+    // How many of those received bear the whole of the first expression and hold the second.
+    int count(const std::string& method_regex, const std::string& path_regex) const;
 
 private:
     process process_;
