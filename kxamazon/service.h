@@ -1,4 +1,7 @@
-// The service from start to stop.
+// The service from start to stop, and the configuration that it reads.
+//
+// Runs once in a process. It fills global and owns the list of sync pairs, which global borrows until the
+// stop; the event log that the program opened is closed here.
 #pragma once
 
 #include <libxml/tree.h>
@@ -9,5 +12,6 @@
 // with status 1 on fatal start-up errors.
 int service();
 
-// The sync pairs that the configuration names, from the first child of its root element; never null.
+// The sync pairs that the configuration names, from the first child of its root element; a new list, never
+// null, empty when no share qualifies.
 acd_sync_pair_list_t* read_sync_pair_config(xmlNode* first_child);

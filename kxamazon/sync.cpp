@@ -3,7 +3,6 @@
 #include <cstdlib>
 
 #include "common/constants.h"
-#include "common/owners.h"
 #include "common/utils.h"
 #include "kxamazon/acd_sync.h"
 #include "kxamazon/acd_sync_downsync.h"
@@ -12,8 +11,6 @@
 
 namespace
 {
-
-using watches_list_ptr = owner<watches_list_t, deinit_watches_list>;
 
 void upsync_with_status()
 {

@@ -1,4 +1,8 @@
 // The initial sync and the live loop, the dispatch of local changes, and the status file.
+//
+// Everything works on global's sync pairs, which the service sets before and keeps until after, and looks at
+// global's exit_flag between two units of work; nothing in progress is interrupted. The status file says
+// SYNCING while a unit of work runs, UP_TO_DATE between them.
 #pragma once
 
 #include "common/watch_v2.h"
