@@ -54,18 +54,17 @@ TEST(ServiceConfig, SharesBecomePairsInOrderAndBadOnesAreSkipped)
     std::string log = log_of([&] {
         list =
             pairs_of("<Other>data/No</Other><ShareId>data/Photos</ShareId><ShareId>Photos</ShareId><ShareId/>"
-                     "<ShareId><b/>data/X</ShareId><ShareId>data/sub/Music</ShareId>");
+                     "<ShareId><b/>data/X</ShareId><ShareId>data/sub/R&amp;B</ShareId>");
     });
-    EXPECT_EQ(describe(list.get()),
-              "/data/Photos|" + root + "/Photos|11 /data/sub/Music|" + root + "/Music|11 ");
+    EXPECT_EQ(describe(list.get()), "/data/Photos|" + root + "/Photos|11 /data/sub/R&B|" + root + "/R&B|11 ");
     EXPECT_EQ(log, "error: Bad local_root_folder=/Photos\n"
                    "error: Bad Configuration for <LocalFolder>\n"
                    "error: Bad Configuration for <LocalFolder>\n"
                    "debug: read_sync_pair_config: /data/Photos <===> " +
                        root +
                        "/Photos 1 1\n"
-                       "debug: read_sync_pair_config: /data/sub/Music <===> " +
-                       root + "/Music 1 1\n");
+                       "debug: read_sync_pair_config: /data/sub/R&B <===> " +
+                       root + "/R&B 1 1\n");
     EXPECT_EQ(describe(pairs_of("").get()), "");
 }
 

@@ -50,11 +50,16 @@ std::unique_ptr<process> appliance::start(std::vector<std::string> env) const
     return std::make_unique<process>(std::vector<std::string>{program("kxamazon"), "-d", "-v", "3"}, env);
 }
 
-std::string appliance::status() const
+std::string appliance::status(const std::string& element) const
 {
     std::smatch found;
     std::string text = read_file(root + "/etc/brisal/amazon/status.xml");
-    return std::regex_search(text, found, std::regex("SYNC_STATE_[A-Z_]+")) ? found.str() : "";
+    return std::regex_search(text, found, std::regex("<" + element + ">(.*)<")) ? found.str(1) : "";
+}
+
+bool appliance::becomes(const std::string& state) const
+{
+    return eventually([&] { return status() == state; });
 }
 
 std::string appliance::events() const

@@ -18,8 +18,9 @@ struct appliance {
 
     std::string name() const { return volume.substr(1); }
     void settings(const std::string& text) const;
-    std::string status() const; // the state that the status file names
-    std::string events() const; // the event log with short places
+    std::string status(const std::string& element = "SyncState") const; // what the status file holds there
+    bool becomes(const std::string& state) const;                       // the status, before long
+    std::string events() const;                                         // the event log with short places
 
     // The service, with these settings of its environment.
     std::unique_ptr<process> start(std::vector<std::string> env = {}) const;
