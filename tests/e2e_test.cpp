@@ -101,6 +101,7 @@ TEST_F(EndToEnd, LocalChangesGoUpAtOnce)
 
     write_file(nas_.photos + "/one.txt", "1");
     EXPECT_TRUE(eventually([&] { return cloud_.get(nas_.cloud_photos + "/one.txt").body == "1"; }));
+    EXPECT_TRUE(nas_.becomes("SYNC_STATE_UP_TO_DATE")); // the file's time is set after its upload
     write_file(nas_.photos + "/one.txt", "2", soon);
     EXPECT_TRUE(eventually([&] { return cloud_.get(nas_.cloud_photos + "/one.txt").body == "2"; }));
     fs::rename(nas_.photos + "/one.txt", nas_.photos + "/two.txt");
