@@ -56,6 +56,33 @@ bool wait_for_events(const watches_list_t* list, int timeout_sec, const volatile
     return go_on;
 }
 
+bool has_lone_half(const move_event_queue_t* queue)
+{
+    for (const move_event_t* event = queue->head; event; event = event->next)
+        if (!event->old_path || !event->new_path)
+            return true;
+    return false;
+}
+
+// Reads every ready instance and delivers what it reports, moves last. The kernel queues the halves of a
+// rename one after the other, and the first already ends the wait: when a half stands alone, the other is
+// looked for before the round is over.
+void handle_round(watches_list_t* list, fd_set* ready, watch_notify_t notify, void* ctx,
+                  watch_notify_move_t notify_move, const volatile sig_atomic_t* exit_flag)
+{
+    const move_event_queue_ptr queue(init_move_event_queue());
+    const auto read_all = [&] {
+        for (watches* set = list->head; set; set = set->next)
+            if (FD_ISSET(set->inotify.get(), ready))
+                read_inotify_events(set, queue.get(), notify, ctx, exit_flag);
+    };
+    read_all();
+    int count = 0;
+    if (has_lone_half(queue.get()) && wait_for_events(list, 0, exit_flag, ready, &count) && count > 0)
+        read_all();
+    process_move_event_queue(list, queue.get(), notify, ctx, notify_move);
+}
+
 } // namespace
 
 watches_list_t* init_watches_list()
@@ -113,11 +140,7 @@ int watch_loop(watches_list_t* list, int timeout_sec, watch_notify_t notify, voi
         if (count == 0) {
             notify(nullptr, WATCH_TYPE_V2_NONE, ctx);
         } else if (count > 0) {
-            const move_event_queue_ptr queue(init_move_event_queue());
-            for (watches* set = list->head; set; set = set->next)
-                if (FD_ISSET(set->inotify.get(), &ready))
-                    read_inotify_events(set, queue.get(), notify, ctx, exit_flag);
-            process_move_event_queue(list, queue.get(), notify, ctx, notify_move);
+            handle_round(list, &ready, notify, ctx, notify_move, exit_flag);
         } else if (errno != EINTR) { // a signal may be the request to stop
             LOG_ERROR("Got error from select(). errno=%d\n", errno);
             return count;
