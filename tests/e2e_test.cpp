@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <regex>
 
-#include "common/owners.h"
 #include "support/appliance.h"
 #include "support/cloud.h"
 #include "support/process.h"
