@@ -111,6 +111,8 @@ void control_door::edit_node(call_t& call)
 {
     json text = json::parse(call.read_text());
     edit_t edit;
+    if (text.contains("name"))
+        edit.name = text["name"].get<std::string>();
     if (text.contains("status"))
         edit.status = known(status_of(text["status"]), text["status"]);
     if (text.contains("kind"))

@@ -490,10 +490,11 @@ node_t drive::edit(const std::string& id, const edit_t& edit)
     std::lock_guard lock(mutex_);
     node_t node = locked_get(id);
     node_t after = node;
+    after.name = edit.name.value_or(node.name);
     after.status = edit.status.value_or(node.status);
     after.kind = edit.kind.value_or(node.kind);
     after.created = edit.created.value_or(node.created);
-    if (!node.parent.empty())
+    if (!node.parent.empty() && !edit.name)
         require_free(node.parent, node.name, after);
     return update(node, after, edit.modified.value_or(node.modified));
 }

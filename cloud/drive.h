@@ -66,6 +66,7 @@ struct page_t {
 
 // What a test may set of a node at will.
 struct edit_t {
+    std::optional<std::string> name; // also one that the drive would refuse
     std::optional<status_t> status;
     std::optional<kind_t> kind;
     std::optional<int64_t> created;

@@ -70,7 +70,9 @@ constexpr char index_sql[] =
     // A child is looked up by its name: a folder may hold far more nodes than ever bear one name.
     "CREATE INDEX IF NOT EXISTS `node_by_name` ON `node`(`name`, `status`, `id`);"
     "CREATE INDEX IF NOT EXISTS `trash_node` ON `node`(`status`, `id`) "
-    "WHERE status='TRASH' OR status='PURGED'";
+    "WHERE status='TRASH' OR status='PURGED';"
+    // A move note keeps the old path only; whether the content changed too need not outlive the process.
+    "CREATE TEMP TABLE IF NOT EXISTS `content_before_move`(`id` VARCHAR PRIMARY KEY NOT NULL, `md5` VARCHAR)";
 
 using sqlite_ptr = owner<sqlite3, sqlite3_close>;
 

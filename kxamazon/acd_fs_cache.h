@@ -31,7 +31,8 @@ acd_cache_error_t acd_cache_reset();
 sqlite3* acd_cache_db();
 
 // Writes a node. A changed name leaves a rename note, a changed parent a move note with the path before the
-// change. Assets are refused with -1.
+// change. Assets are refused with -1, and so is a node whose name no local file can have: what was known of
+// it is dropped, so that no path leads through it.
 acd_cache_error_t acd_cache_node(const acd_node_t* node);
 
 acd_cache_error_t acd_cache_get_root_node(acd_node_t** node);
@@ -45,6 +46,9 @@ acd_cache_error_t acd_cache_get_node_path(const acd_node_t* node, char** path);
 // 1 with the previous name or path when a note exists, else 0.
 int acd_cache_is_cloud_node_renamed(const acd_node_t* node, char** old_name);
 int acd_cache_is_cloud_node_moved(const acd_node_t* node, char** old_path);
+
+// 1 when the change that left the node's note is known to have left its content as it was.
+int acd_cache_has_content_before_change(const acd_node_t* node);
 
 // Drop a note: 0, or -1 on failure.
 int acd_cache_delete_renamed_node(const acd_node_t* node, sqlite3* db = acd_cache_db());

@@ -89,8 +89,20 @@ int update_moved_node(const char* id, const char* new_parent)
     string_ptr old_path;
     if (__acd_cache_get_node_path(id, out(old_path)) != ACD_CACHE_ERR_OK)
         return SQLITE_OK;
+    rc = sql_exec_mprintf(
+        db, SQL_HERE, "INSERT OR IGNORE INTO temp.content_before_move SELECT id, md5 FROM node WHERE id=%Q",
+        id);
+    if (rc != SQLITE_OK)
+        return rc;
     return sql_exec_mprintf(db, SQL_HERE, "INSERT OR REPLACE INTO `moved_node` (id, old_path) VALUES (%Q,%Q)",
                             id, old_path.get());
+}
+
+// Beyond 2^63 SQLite would round a size to a real; as the negative number of the same bits it comes back
+// whole.
+long long size_value(const acd_node_t* node)
+{
+    return static_cast<long long>(node->size_byte);
 }
 
 int write_root(sqlite3* db, const acd_node_t* node)
@@ -98,9 +110,9 @@ int write_root(sqlite3* db, const acd_node_t* node)
     int rc = sql_exec_mprintf(
         db, SQL_HERE,
         "INSERT OR REPLACE INTO `node` (id,name,kind,md5,status,created,modified,size) VALUES "
-        "(%Q,\"/\",%Q,%Q,%Q,strftime('%%s',%Q),strftime('%%s',%Q),%lu)",
+        "(%Q,\"/\",%Q,%Q,%Q,strftime('%%s',%Q),strftime('%%s',%Q),%lld)",
         node->id, acd_enum_kind_to_string(node->kind), node->md5, acd_enum_status_to_string(node->status),
-        acd_time_to_string(node->create_date), acd_time_to_string(node->modified_date), node->size_byte);
+        acd_time_to_string(node->create_date), acd_time_to_string(node->modified_date), size_value(node));
     if (rc != SQLITE_OK)
         return rc;
     return sql_exec_mprintf(
@@ -113,17 +125,17 @@ int write_row(sqlite3* db, const acd_node_t* node)
     int rc = sql_exec_mprintf(db, SQL_HERE,
                               "INSERT OR REPLACE INTO `renamed_node` SELECT "
                               "id,name,kind,md5,status,created,modified,size,timestamp FROM node WHERE id=%Q "
-                              "AND name!=%Q",
+                              "AND name!=%Q COLLATE BINARY",
                               node->id, node->name);
     if (rc != SQLITE_OK)
         return rc;
     return sql_exec_mprintf(
         db, SQL_HERE,
         "INSERT OR REPLACE INTO `node` (id,name,kind,md5,status,created,modified,size) VALUES "
-        "(%Q,%Q,%Q,%Q,%Q,strftime('%%s',%Q),strftime('%%s',%Q),%lu)",
+        "(%Q,%Q,%Q,%Q,%Q,strftime('%%s',%Q),strftime('%%s',%Q),%lld)",
         node->id, node->name, acd_enum_kind_to_string(node->kind), node->md5,
         acd_enum_status_to_string(node->status), acd_time_to_string(node->create_date),
-        acd_time_to_string(node->modified_date), node->size_byte);
+        acd_time_to_string(node->modified_date), size_value(node));
 }
 
 // The move notes come first: they need the path with the name that the row still has.
@@ -139,6 +151,14 @@ int write_node(sqlite3* db, const acd_node_t* node)
                               "INSERT OR REPLACE INTO `parents` (node_id,parent_id) VALUES (%Q,%Q)", node->id,
                               node->parents.id_array[i]);
     return rc;
+}
+
+int forget_node(sqlite3* db, const char* id)
+{
+    return sql_exec_mprintf(db, SQL_HERE,
+                            "DELETE FROM `node` WHERE id=%Q;DELETE FROM `parents` WHERE node_id=%Q;"
+                            "DELETE FROM `renamed_node` WHERE id=%Q;DELETE FROM `moved_node` WHERE id=%Q;",
+                            id, id, id, id);
 }
 
 // A record from the columns id, name, kind, md5, status, created, modified, size, parent_id.
@@ -178,6 +198,10 @@ acd_cache_error_t acd_cache_node(const acd_node_t* node)
         return ACD_CACHE_ERR_INVALID_ARGUMENTS;
     if (node->kind == NODE_KIND_ASSET) {
         LOG_ERROR("%s: DO NOT CACHE ASSET NODE!\n", __func__);
+        return ACD_CACHE_ERR_INVALID_ARGUMENTS;
+    }
+    if (!node->is_root && !acd_node_has_local_name(node)) {
+        sql_in_transaction(db, SQL_HERE, [=] { return forget_node(db, node->id); });
         return ACD_CACHE_ERR_INVALID_ARGUMENTS;
     }
     LOG_DEBUG("%s: Caching node ..., node = %s\n", __func__, acd_node_to_short_string(node));

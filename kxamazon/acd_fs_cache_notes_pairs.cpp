@@ -85,6 +85,14 @@ int acd_cache_is_cloud_node_moved(const acd_node_t* node, char** old_path)
     return read_note(__func__, node, "SELECT old_path FROM moved_node WHERE id=%Q", old_path);
 }
 
+int acd_cache_has_content_before_change(const acd_node_t* node)
+{
+    string_ptr md5;
+    if (!read_note(__func__, node, "SELECT md5 FROM temp.content_before_move WHERE id=%Q", out(md5)))
+        read_note(__func__, node, "SELECT md5 FROM renamed_node WHERE id=%Q", out(md5));
+    return md5 && *md5 && node->md5 && std::strcmp(md5.get(), node->md5) == 0;
+}
+
 int acd_cache_delete_renamed_node(const acd_node_t* node, sqlite3* db)
 {
     return delete_note(db, node, "DELETE FROM `renamed_node` WHERE id=%Q;");
@@ -92,6 +100,7 @@ int acd_cache_delete_renamed_node(const acd_node_t* node, sqlite3* db)
 
 int acd_cache_delete_moved_node(const acd_node_t* node)
 {
+    delete_note(acd_cache_db(), node, "DELETE FROM temp.content_before_move WHERE id=%Q;");
     return delete_note(acd_cache_db(), node, "DELETE FROM `moved_node` WHERE id=%Q;");
 }
 

@@ -43,7 +43,7 @@ struct acd_id_array_t {
 struct acd_node_t {
     char* e_tag_response; // empty when the reply had none; null when the node comes from the cache
     char* id;
-    char* name; // one path component; empty for the root when the reply gives none
+    char* name; // one path component; empty for the root when the reply gives none; a NUL stands as "/"
     char* md5;  // empty when absent
     acd_node_kind_t kind;
     int is_root;
@@ -82,6 +82,10 @@ const char* acd_time_to_string(time_t t);
 // string.
 const char* acd_node_to_short_string(const acd_node_t* node);
 const char* acd_node_to_string(const acd_node_t* node);
+
+// 1 when a local file can bear the node's name. Anyone who shares a folder chooses the names in it: ".", ".."
+// and what holds a "/" or a NUL must never become part of a path.
+int acd_node_has_local_name(const acd_node_t* node);
 
 // Logs the long form at debug level.
 void acd_dump_node(const acd_node_t* node);

@@ -15,6 +15,8 @@ namespace
 // Deliberately fatal: no child of this name is ever asked of the service.
 constexpr const char* forbidden_name = "CREDIT REPORT AUTHORIZATION AND RELEASE.docx";
 
+constexpr size_t max_path_length = 4095; // as in the cache
+
 acd_fs_error_t parse_root_node(const reply_t& reply, acd_node_t** node)
 {
     json_text json(reply.buf);
@@ -51,12 +53,15 @@ acd_fs_error_t fetch_node(const char* id, node_ptr& node)
     return take_node(reply, out(node));
 }
 
-// Climbs from parent to parent up to the root, asking the service for each.
+// Climbs from parent to parent up to the root, asking the service for each. A name that no path can hold ends
+// the climb, and so does a chain too long for a path, which may be a ring.
 acd_fs_error_t __acd_node_get_path(const acd_node_t* node, std::string& path)
 {
     path = node->name;
     node_ptr current(acd_node_dup(node));
     while (!current->is_root) {
+        if (!acd_node_has_local_name(current.get()) || path.size() > max_path_length)
+            return ACD_FS_ERR_RESOURCE_NOT_FOUND;
         node_ptr parent;
         if (auto rc = fetch_node(parent_id_of(current.get()), parent); rc != ACD_FS_ERR_OK)
             return rc;

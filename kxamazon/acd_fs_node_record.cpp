@@ -72,6 +72,15 @@ char* copy_or_empty(const char* text)
     return safe_strdup(text ? text : "");
 }
 
+// A copy of a name of that length. A NUL would cut it to another name, which may be a good one; as "/" it
+// stays one that no local file can have.
+char* copy_name(const char* name, size_t length)
+{
+    std::string copy(name ? name : "", name ? length : 0);
+    std::replace(copy.begin(), copy.end(), '\0', '/');
+    return safe_strdup(copy.c_str());
+}
+
 bool make_ids(acd_id_array_t* ids, size_t count)
 {
     if (count == 0)
@@ -97,7 +106,7 @@ bool parse_identity(const JSON_Object* object, acd_node_t* node)
         return false;
     }
     node->id = safe_strdup(id);
-    node->name = copy_or_empty(name);
+    node->name = copy_name(name, json_object_get_string_len(object, "name"));
     return true;
 }
 
@@ -227,6 +236,12 @@ const char* acd_node_to_string(const acd_node_t* node)
         writer.append("%s%s", i ? ", " : "", node->parents.id_array[i]);
     writer.append("%s", "\n");
     return text;
+}
+
+int acd_node_has_local_name(const acd_node_t* node)
+{
+    const std::string_view name = node->name;
+    return name != "." && name != ".." && name.find('/') == name.npos;
 }
 
 void acd_dump_node(const acd_node_t* node)

@@ -15,6 +15,16 @@ bool keeps(acd_node_filter_t filter, const acd_node_t* node)
     return !filter || filter(node) != 0;
 }
 
+// Whether no path may hold the node's name. The cache then knows nothing of it, nor is it looked into.
+bool is_left_alone(const acd_node_t* node)
+{
+    if (acd_node_has_local_name(node))
+        return false;
+    LOG_ERROR("No local file can have the name of node %s! It is left alone.\n",
+              acd_node_to_short_string(node));
+    return true;
+}
+
 // Moves the nodes into an empty list.
 void hand_over(std::vector<node_ptr>& nodes, acd_node_list_t& list)
 {
@@ -138,6 +148,8 @@ void apply_change(const acd_node_t* node, const change_handler_t& handler, feed_
     if (!keeps(handler.filter, node))
         return;
     acd_cache_node(node);
+    if (is_left_alone(node))
+        return;
     string_ptr path;
     if (acd_node_get_path(node, out(path)) != ACD_FS_ERR_OK) {
         LOG_ERROR("Failed to find path for node %s!\n", acd_node_to_short_string(node));
@@ -261,6 +273,8 @@ acd_fs_error_t acd_node_scan_dir_ex(const acd_node_t* folder, int recursive, acd
     for (size_t i = 0; i < children->count; ++i) {
         const acd_node_t* child = children->nodes[i];
         acd_cache_node(child);
+        if (is_left_alone(child))
+            continue;
         auto answer = call_for_child(child, callback, sync_path);
         if (answer != ACD_FS_ERR_OK && answer != ACD_FS_ERR_SCAN_OP_CONTINUE)
             break;

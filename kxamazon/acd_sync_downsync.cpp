@@ -37,6 +37,7 @@ bool was_renamed(const acd_node_t* node, const char* decision)
     string_ptr old_path;
     if (acd_cache_is_cloud_node_moved(node, out(old_path))) {
         LOG_ERROR("%s: shall not see SYNC_FOLDER_ACTION_MOVE\n", decision);
+        acd_cache_delete_moved_node(node); // or every start would end here
         std::exit(1);
     }
     return false;
@@ -59,7 +60,7 @@ int op_default_filter(const acd_node_t* node)
 // A folder's time is set when it is made, before its files arrive. What they do to it leaves it newer than
 // the cloud's, which the decisions take for nothing to do.
 int acd_downsync_cloud_drive_path(const char* cloud_drive_path, const char* cloud_folder_path,
-                                  const char* local_drive_path)
+                                  const char* local_drive_path, acd_node_op_t op)
 {
     if (!cloud_drive_path || !cloud_folder_path || !local_drive_path)
         return -1;
@@ -89,7 +90,7 @@ int acd_downsync_cloud_drive_path(const char* cloud_drive_path, const char* clou
         string_ptr local_folder(get_local_node_path(cloud_drive_path, local_drive_path, cloud_folder_path));
         add_local_folder(name, cloud_folder_path, local_folder.get());
     }
-    auto rc = acd_fs_scan_dir_ex(cloud_folder_path, 1, op_default_filter, op_full_download, sync_path.get());
+    auto rc = acd_fs_scan_dir_ex(cloud_folder_path, 1, op_default_filter, op, sync_path.get());
     if (rc != ACD_FS_ERR_OK) {
         HANDLE_ACD_FS_ERROR(rc);
         LOG_ERROR("%s: Failed to scan cloud folder path %s. fs_err = %d\n", name, cloud_folder_path, rc);
@@ -116,6 +117,8 @@ acd_fs_error_t op_full_download(const char* cloud_node_path, const acd_node_t* n
         string_ptr(get_local_node_path(cloud_drive_path, local_drive_path, cloud_node_path)));
     LOG_DEBUG("%s: %s <===> %s, %s ---> %s\n", __func__, cloud_drive_path, local_drive_path, cloud_node_path,
               sync_path->local_node_path);
+    if (leads_through_link(__func__, local_drive_path, sync_path->local_node_path))
+        return ACD_FS_ERR_SCAN_OP_CONTINUE;
     if (node->kind == NODE_KIND_FOLDER)
         op_downsync_node_folder(node, sync_path);
     else if (node->kind == NODE_KIND_FILE)

@@ -11,16 +11,18 @@
 #include "kxamazon/acd_fs_node.h"
 #include "kxamazon/acd_sync_pair.h"
 
+// Walk callback of the full pass.
+acd_fs_error_t op_full_download(const char* cloud_node_path, const acd_node_t* node,
+                                acd_sync_path_t* sync_path);
+
 // Brings one cloud folder of a pair down whole, making it in the cloud when it is missing. 0 or -1.
 int acd_downsync_cloud_drive_path(const char* cloud_drive_path, const char* cloud_folder_path,
-                                  const char* local_drive_path);
+                                  const char* local_drive_path, acd_node_op_t op = op_full_download);
 
 // Applies the cloud's changes since the saved checkpoint. 0, or -1 for a null list.
 int acd_downsync_changes(acd_sync_pair_list_t* list);
 
-// Walk callback of the full pass, and feed callback of the changes.
-acd_fs_error_t op_full_download(const char* cloud_node_path, const acd_node_t* node,
-                                acd_sync_path_t* sync_path);
+// Feed callback of the changes.
 acd_fs_error_t op_downsync_changes(const char* cloud_node_path, const acd_node_t* node,
                                    acd_sync_pair_list_t* list);
 
@@ -46,6 +48,22 @@ int op_downsync_add_node(const acd_node_t* node, acd_sync_path_t* sync_path);
 int op_downsync_delete_node(const acd_node_t* node, acd_sync_path_t* sync_path);
 int op_downsync_rename_node(const acd_node_t* node, acd_sync_path_t* sync_path);
 int op_downsync_update_mtime_node(const acd_node_t* node, acd_sync_path_t* sync_path);
+
+// Walk callback for what is in a folder that arrived by the feed. What was moved into it is left to its own
+// change, which moves the local node instead of loading it again.
+acd_fs_error_t op_downsync_arrived_node(const char* cloud_node_path, const acd_node_t* node,
+                                        acd_sync_path_t* sync_path);
+
+// Brings down what is in a folder that came from a place unknown to the cache: the feed names only the
+// folder.
+void op_downsync_bring_down_folder(const acd_sync_path_t* sync_path);
+
+// After a rename or move: gives the local node the cloud's time if it is there and, for a file, has the
+// cloud's content. Else it is downloaded, unless the owner changed it here.
+int op_downsync_settle_node(const acd_node_t* node, acd_sync_path_t* sync_path);
+
+// 1 when the local node, or for a folder anything in it, was changed after the cloud's change.
+int op_downsync_is_newer_locally(const acd_node_t* node, const char* path);
 
 // 1 for the nodes that downsync handles: named files and folders that are available, trashed or purged.
 int op_default_filter(const acd_node_t* node);

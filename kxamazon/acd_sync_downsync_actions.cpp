@@ -8,6 +8,7 @@
 #include "kxamazon/acd_fs.h"
 #include "kxamazon/acd_fs_cache.h"
 #include "kxamazon/acd_sync_downsync.h"
+#include "kxamazon/acd_sync_echo.h"
 #include "kxamazon/acd_sync_report.h"
 #include "kxamazon/acd_sync_utils.h"
 #include "kxamazon/acd_utils.h"
@@ -21,7 +22,9 @@ namespace
 // Removes one entry, a folder only when it is empty.
 void delete_local_entry(const char* function_name, const char* path, bool is_folder)
 {
+    acd_sync_expect_delete_echo(path);
     if ((is_folder ? rmdir(path) : unlink(path)) != 0) {
+        acd_sync_take_echo(path);
         LOG_ERROR("%s: Local: Failed to delete %s %s!\n", function_name, is_folder ? "folder" : "file", path);
         return;
     }
@@ -48,6 +51,16 @@ void download_node(const acd_node_t* node, const acd_sync_path_t* sync_path)
     }
     report_sync_action(sync_file_action_to_string(SYNC_FILE_ACTION_ADD), "LOGMSG_AMAZONDRIVE_LOCAL_DOWNLOAD",
                        local_path);
+}
+
+int rename_local(const char* local_drive_path, const char* old_path, const char* new_path)
+{
+    if (leads_through_link("op_downsync_rename_node", local_drive_path, old_path))
+        return -1;
+    const int rc = std::rename(old_path, new_path);
+    if (rc == 0)
+        acd_sync_expect_move_echo(old_path);
+    return rc;
 }
 
 } // namespace
@@ -142,7 +155,7 @@ int op_downsync_rename_node(const acd_node_t* node, acd_sync_path_t* sync_path)
     const char* new_path = sync_path->local_node_path;
     string_ptr old_path = sibling_path(new_path, old_name.get());
     LOG_DEBUG("Renmae acd node from %s to %s!\n", old_path.get(), new_path);
-    const int rc = std::rename(old_path.get(), new_path);
+    const int rc = rename_local(sync_path->local_drive_path, old_path.get(), new_path);
     if (rc != 0)
         LOG_ERROR("%s: Failed to rename %s to %s, node %s\n", __func__, old_path.get(), new_path,
                   acd_node_to_short_string(node));
@@ -151,7 +164,7 @@ int op_downsync_rename_node(const acd_node_t* node, acd_sync_path_t* sync_path)
                              ? sync_folder_action_to_string(SYNC_FOLDER_ACTION_RENAME)
                              : sync_file_action_to_string(SYNC_FILE_ACTION_RENAME),
                          "LOGMSG_AMAZONDRIVE_LOCAL_RENAME", old_path.get(), new_path);
-    op_downsync_update_mtime_node(node, sync_path);
+    op_downsync_settle_node(node, sync_path);
     acd_cache_delete_renamed_node(node);
     return rc;
 }

@@ -1,13 +1,16 @@
 #include <cstddef>
 #include <sys/stat.h>
 
+#include "common/paths.h"
 #include "common/utils.h"
 #include "kxamazon/acd_fs.h"
 #include "kxamazon/acd_fs_cache.h"
 #include "kxamazon/acd_sync_downsync.h"
+#include "kxamazon/acd_sync_echo.h"
 #include "kxamazon/acd_sync_report.h"
 #include "kxamazon/acd_sync_utils.h"
 #include "kxamazon/global.h"
+#include "kxamazon/linux_fs.h"
 
 namespace
 {
@@ -15,6 +18,42 @@ namespace
 constexpr int fetch_all_changes = 1;
 constexpr size_t max_changed_nodes = 10000;
 constexpr size_t changes_chunk_size = 200;
+
+bool is_there(const char* path)
+{
+    struct stat st;
+    return lstat(path, &st) == 0;
+}
+
+bool is_of_kind(const acd_node_t* node, const char* path)
+{
+    struct stat st;
+    return lstat(path, &st) == 0 && !S_ISDIR(st.st_mode) == (node->kind == NODE_KIND_FILE);
+}
+
+// What is in a folder that stood there already may be missing.
+void arrive(const acd_node_t* node, acd_sync_path_t* new_path)
+{
+    const bool was_there = is_there(new_path->local_node_path);
+    op_downsync_settle_node(node, new_path);
+    if (was_there && node->kind == NODE_KIND_FOLDER)
+        op_downsync_bring_down_folder(new_path);
+}
+
+// Whether the local node at the old path is the one that the cloud moved, and nothing of the owner's stands
+// at the new path. After a move that began here, and whose reply was lost, the node is at its new path, and
+// at the old one there may be a new file.
+bool is_to_be_moved(const acd_node_t* node, const char* old_path, const char* new_path)
+{
+    if (!is_of_kind(node, old_path) || !is_there(new_path))
+        return is_of_kind(node, old_path);
+    if (node->kind == NODE_KIND_FOLDER || !is_of_kind(node, new_path))
+        return false; // /bin/mv would move it into the folder
+    const auto is_node = [node](const char* path) {
+        return linux_fs_has_content(path, node->size_byte, node->md5) != 0;
+    };
+    return is_node(new_path) ? is_node(old_path) : !op_downsync_is_newer_locally(node, new_path);
+}
 
 // Both paths lie in a pair: the local node follows the cloud's without a download.
 void __op_downsync_move_node(const acd_node_t* node, const acd_sync_path_t* old_path,
@@ -27,11 +66,18 @@ void __op_downsync_move_node(const acd_node_t* node, const acd_sync_path_t* old_
     LOG_DEBUG("%s: Found moved node: %s, cloud (%s ---> %s), local (%s ---> %s)\n", __func__,
               acd_node_to_short_string(node), old_path->cloud_node_path, new_path->cloud_node_path, old_local,
               new_local);
+    if (!is_to_be_moved(node, old_local, new_local)) {
+        LOG_INFO("Local node %s is left where it is, cloud node is at %s\n", old_local, new_local);
+        arrive(node, new_path);
+        return;
+    }
+    mkdir_p(folder_of_path(new_local).c_str(), global.dmode);
+    acd_sync_expect_move_echo(old_local);
     safe_mv(old_local, new_local);
     report_sync_move(node->kind == NODE_KIND_FOLDER ? sync_folder_action_to_string(SYNC_FOLDER_ACTION_MOVE)
                                                     : sync_file_action_to_string(SYNC_FILE_ACTION_MOVE),
                      "LOGMSG_AMAZONDRIVE_LOCAL_MOVE", old_local, new_local);
-    op_downsync_update_mtime_node(node, new_path);
+    op_downsync_settle_node(node, new_path);
 }
 
 // The node came from outside every pair, so there is nothing local to move.
@@ -41,9 +87,24 @@ void add_moved_node(const acd_node_t* node, acd_sync_path_t* new_path)
               acd_node_to_short_string(node), new_path->cloud_node_path, new_path->local_node_path);
     if (node->kind == NODE_KIND_FOLDER)
         acd_downsync_cloud_drive_path(new_path->cloud_drive_path, new_path->cloud_node_path,
-                                      new_path->local_drive_path);
+                                      new_path->local_drive_path, op_downsync_arrived_node);
     else
         op_downsync_add_node(node, new_path);
+}
+
+// The node left every pair.
+void delete_moved_node(const acd_node_t* node, acd_sync_path_t* old_path)
+{
+    constexpr const char* name = "op_downsync_move_node";
+    const char* local = old_path->local_node_path;
+    LOG_DEBUG("%s: Node %s shall be deleted! %s\n", name, acd_node_to_short_string(node), local);
+    if (leads_through_link(name, old_path->local_drive_path, local))
+        return;
+    if (op_downsync_is_newer_locally(node, local))
+        LOG_ERROR("%s: Cloud node %s was moved out, but it is older than local node %s! It is kept.\n", name,
+                  acd_node_to_short_string(node), local);
+    else
+        op_downsync_delete_node(node, old_path);
 }
 
 // new_path is null when the node's new place lies outside every pair.
@@ -56,15 +117,28 @@ void op_downsync_move_node(const acd_node_t* node, const char* old_cloud_path, c
     get_sync_path(old_cloud_path, global.sync_pairs, out(old_path));
     struct stat st;
     if (!new_path && old_path) {
-        LOG_DEBUG("%s: Node %s shall be deleted! %s\n", __func__, acd_node_to_short_string(node),
-                  old_path->local_node_path);
-        op_downsync_delete_node(node, old_path.get());
+        delete_moved_node(node, old_path.get());
     } else if (new_path && stat_local_drive_path(__func__, new_path->local_drive_path, &st) == 0) {
-        if (old_path)
+        if (leads_through_link(__func__, new_path->local_drive_path, new_path->local_node_path))
+            return;
+        if (old_path && leads_through_link(__func__, old_path->local_drive_path, old_path->local_node_path))
+            arrive(node, new_path);
+        else if (old_path)
             __op_downsync_move_node(node, old_path.get(), new_path);
         else
             add_moved_node(node, new_path);
     }
+}
+
+// A folder that is new here may come from a place that the cache has never seen.
+void apply_folder_change(const acd_node_t* node, acd_sync_path_t* sync_path)
+{
+    string_ptr old_name;
+    const bool arrives = node->status == NODE_STATUS_AVAILABLE && !is_there(sync_path->local_node_path) &&
+                         !acd_cache_is_cloud_node_renamed(node, out(old_name));
+    op_downsync_node_folder(node, sync_path);
+    if (arrives)
+        op_downsync_bring_down_folder(sync_path);
 }
 
 // Decides on a node that stands where it stood.
@@ -76,8 +150,10 @@ acd_fs_error_t apply_change(const acd_node_t* node, acd_sync_path_t* sync_path)
     struct stat st;
     if (stat_local_drive_path(name, sync_path->local_drive_path, &st) != 0)
         return ACD_FS_ERR_LOCAL_IO;
+    if (leads_through_link(name, sync_path->local_drive_path, sync_path->local_node_path))
+        return ACD_FS_ERR_SCAN_OP_CONTINUE;
     if (node->kind == NODE_KIND_FOLDER)
-        op_downsync_node_folder(node, sync_path);
+        apply_folder_change(node, sync_path);
     else
         op_downsync_node_file(node, sync_path);
     return ACD_FS_ERR_OK;

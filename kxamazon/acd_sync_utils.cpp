@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <string>
 #include <string_view>
 #include <unistd.h>
 
@@ -195,6 +196,24 @@ int stat_local_drive_path(const char* function_name, const char* local_drive_pat
     LOG_ERROR("%s: Local drive path %s does not exist or is not a folder!\n", function_name,
               local_drive_path);
     return -1;
+}
+
+int leads_through_link(const char* function_name, const char* local_drive_path, const char* path)
+{
+    std::string prefix;
+    for (size_t end = std::strlen(local_drive_path); path[end] == '/';) {
+        end += 1 + std::strcspn(path + end + 1, "/");
+        prefix.assign(path, end);
+        struct stat st;
+        if (lstat(prefix.c_str(), &st) != 0)
+            return 0; // nor is there anything below
+        if (S_ISLNK(st.st_mode)) {
+            LOG_ERROR("%s: Local path %s leads through the symbolic link %s! It is left alone.\n",
+                      function_name, path, prefix.c_str());
+            return 1;
+        }
+    }
+    return 0;
 }
 
 void handle_acd_fs_error(int err, const char* function_name, const char* file_name, int line)

@@ -64,6 +64,10 @@ int get_sync_path(const char* cloud_node_path, acd_sync_pair_list_t* list, acd_s
 // Stats a pair's local folder. 0, or -1 after logging under function_name when it is missing or no folder.
 int stat_local_drive_path(const char* function_name, const char* local_drive_path, struct stat* st);
 
+// 1, after logging under function_name, when path (which lies below local_drive_path) or a folder on the way
+// to it is a symbolic link. What is done to such a path may be done outside the drive.
+int leads_through_link(const char* function_name, const char* local_drive_path, const char* path);
+
 // Returns only for errors (an acd_fs_error_t) that a sync may skip; for others logs and ends the process
 // with status 1.
 void handle_acd_fs_error(int err, const char* function_name, const char* file_name, int line);

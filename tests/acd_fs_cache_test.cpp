@@ -174,7 +174,7 @@ TEST_F(Cache, NodeComesBackAsItWasWritten)
     char tag[] = "e", id[] = "f", name[] = "it's.txt", md5[] = "m", parent[] = "s";
     char* parents[] = {parent};
     acd_node_t node = {tag, id, name, md5, NODE_KIND_FILE, 0, 5, 9, {1, parents}, NODE_STATUS_AVAILABLE, 1};
-    node.size_byte = 1ULL << 62;
+    node.size_byte = (1ULL << 63) + 2048;
     EXPECT_EQ(0, acd_cache_node(&node));
     acd_node_t folder = with_id("s");
     node_ptr got;
@@ -252,7 +252,7 @@ TEST_F(Cache, RenameAndMoveNotes)
     } steps[] = {
         {"no note for a first sight", "f", "s", 100, "- -"},
         {"nor for an unchanged node", "f", "s", 101, "- -"},
-        {"nor for a name in other letters", "F", "s", 102, "- -"},
+        {"but for a name in other letters", "F", "s", 102, "f -"},
         {"a rename that is not newer does not count", "g", "s", 102, "- -"},
         {"it does once the node is newer", "g", "s", 103, "F -"},
         {"a new parent keeps the old path", "g", "b", 104, "F /A/Sub/g"},

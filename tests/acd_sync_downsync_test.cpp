@@ -156,13 +156,6 @@ TEST_F(decision, row_by_row)
     }
 }
 
-TEST_F(decision, a_failed_rename_is_tried_once)
-{
-    node_ptr node = cached_node("FILE", "AVAILABLE", true);
-    EXPECT_EQ(op_downsync_node_file(node.get(), path_.get()), -1);
-    EXPECT_EQ(get_downsync_file_action(node.get(), path_.get()), SYNC_FILE_ACTION_ADD);
-}
-
 TEST_F(decision, a_deleted_tree_keeps_what_the_cloud_never_held)
 {
     write_file(local_ + "/sub/a", "a");

@@ -136,6 +136,11 @@ JSON_Value* json_array_get_value(const JSON_Array* array, size_t index)
         return json_value_get_##kind(json_array_get_value(array, index));                                    \
     }
 
+size_t json_object_get_string_len(const JSON_Object* object, const char* name)
+{
+    return json_string_length(json(json_object_get_value(object, name)));
+}
+
 TYPED_READER(const char*, string)
 TYPED_READER(JSON_Object*, object)
 TYPED_READER(JSON_Array*, array)

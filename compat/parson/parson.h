@@ -40,6 +40,7 @@ int json_value_get_boolean(const JSON_Value* value);
 
 JSON_Value* json_object_get_value(const JSON_Object* object, const char* name);
 const char* json_object_get_string(const JSON_Object* object, const char* name);
+size_t json_object_get_string_len(const JSON_Object* object, const char* name); // NULs in the text included
 JSON_Object* json_object_get_object(const JSON_Object* object, const char* name);
 JSON_Array* json_object_get_array(const JSON_Object* object, const char* name);
 double json_object_get_number(const JSON_Object* object, const char* name);

@@ -1,0 +1,282 @@
+// Where following the cloud, or the owner, to the letter would lose what the owner has.
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <regex>
+
+#include "common/utils.h"
+#include "kxamazon/acd_fs_cache.h"
+#include "kxamazon/acd_sync_downsync.h"
+#include "kxamazon/acd_sync_utils.h"
+#include "kxamazon/acd_utils.h"
+#include "kxamazon/global.h"
+#include "kxamazon/sync.h"
+#include "support/support.h"
+#include "support/sync_test.h"
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+using kxtest::mtime_of;
+using kxtest::read_file;
+using kxtest::write_file;
+using testing::HasSubstr;
+
+namespace
+{
+
+// The pairs P (/Korvane_nas1/Photos) and D (/), and places that no pair covers. The first poll brings down
+// /Docs/d and /Docs/sub/e.
+class edges : public kxtest::sync_test
+{
+protected:
+    edges() : pairs_(acd_sync_create_sync_pair_list())
+    {
+        for (auto [local, cloud] : {std::pair("/P", "/Korvane_nas1/Photos"), {"/D", "/"}}) {
+            fs::create_directory(base_ + local);
+            kxtest::add_pair(pairs_.get(), base_ + local, cloud);
+        }
+        global.sync_pairs = pairs_.get();
+        cloud_.set_clock_offset(-3600);
+        for (const char* path :
+             {"/Docs/d", "/Docs/sub/e", "/Korvane_nas1/Photos/a", "/Korvane_other/box/in/deep"})
+            cloud_.put(path, path);
+        poll();
+        later();
+        events();
+    }
+    ~edges() override { global.sync_pairs = nullptr; }
+
+    // What the cloud does from now on is newer than all that is there.
+    void later() { cloud_.set_clock_offset(clock_offset_ += 10); }
+
+    std::string poll()
+    {
+        return log([&] { EXPECT_EQ(acd_downsync_changes(pairs_.get()), 0); }, 2);
+    }
+    int pass(const char* local, const char* cloud)
+    {
+        return acd_downsync_cloud_drive_path(cloud, cloud, (base_ + local).c_str());
+    }
+    int full_passes() { return pass("/P", "/Korvane_nas1/Photos") + pass("/D", "/"); }
+
+    std::string at(const std::string& path) const { return read_file(base_ + path); }
+    std::string tree(const std::string& path) const
+    {
+        std::string text;
+        for (const std::string& entry : kxtest::tree_of(base_ + path))
+            text += entry + " ";
+        return text;
+    }
+    int downloads() const { return cloud_.count("GET", "/content$"); }
+
+    sync_pair_list_ptr pairs_;
+    int clock_offset_ = 0;
+};
+
+} // namespace
+
+// Who shares a folder chooses the names in it.
+TEST_F(edges, names_that_no_path_can_hold_are_left_alone_however_they_come)
+{
+    for (const std::string& name : {"."s, ".."s, "../../x"s, "Docs/d"s, "/"s, "d\0x"s}) {
+        SCOPED_TRACE(name);
+        cloud_.put("/Docs/f", "f");
+        cloud_.put("/box/in", "in");
+        poll();
+        const std::string file = cloud_.stat("/Docs/f")["id"], box = cloud_.stat("/box")["id"],
+                          in = cloud_.stat("/box/in")["id"];
+        const std::string before = tree("");
+        const auto left_alone = [](const std::string& log) {
+            const std::regex line("error: No local file can have the name of node .* It is left alone\\.");
+            return std::distance(std::sregex_iterator(log.begin(), log.end(), line), {});
+        };
+        later();
+        cloud_.edit({{"id", file}, {"name", name}});
+        cloud_.edit({{"id", box}, {"name", name}});
+        cloud_.edit({{"id", in}, {"modifiedDate", "2035-06-01T12:00:00Z"}});
+        cloud_.put("/Docs/d", name + name);
+        EXPECT_EQ(left_alone(poll()), 2);
+        EXPECT_EQ(at("/D/Docs/d"), name + name) << "what comes behind it is applied";
+        acd_cache_reset();
+        EXPECT_EQ(left_alone(log([&] { EXPECT_EQ(full_passes(), 0); })), 2) << "nor by listing";
+        cloud_.edit({{"id", in}, {"name", name}, {"status", "TRASH"}});
+        poll();
+        EXPECT_EQ(tree(""), before);
+
+        later();
+        cloud_.edit({{"id", file}, {"name", "f"}});
+        cloud_.edit({{"id", box}, {"name", "box"}});
+        for (const char* path : {"/Docs/f", "/box"})
+            cloud_.trash(path);
+        poll();
+    }
+}
+
+// Behind a link lies what the drive does not hold.
+TEST_F(edges, nothing_is_done_through_a_symbolic_link)
+{
+    for (const char* path : {"/Docs/in/f", "/Docs/in/g", "/Docs/file"})
+        cloud_.put(path, "cloud");
+    poll();
+    for (const char* name : {"in", "file"}) {
+        fs::rename(base_ + "/D/Docs/" + name, base_ + "/outside_" + name);
+        fs::create_symlink(base_ + "/outside_" + name, base_ + "/D/Docs/" + name);
+    }
+    const auto outside = [&] {
+        std::string text = at("/outside_file") + std::to_string(mtime_of(base_ + "/outside_file"));
+        for (const char* name : {"f", "g", "h", "new", "d", "in"})
+            text += at("/outside_in/"s + name) + std::to_string(mtime_of(base_ + "/outside_in/" + name));
+        return text + tree("/outside_in");
+    };
+    const std::string before = outside();
+    const std::function<void()> changes[] = {
+        [&] { cloud_.put("/Docs/in/f", "changed"); },  [&] { cloud_.put("/Docs/in/new", "new"); },
+        [&] { cloud_.put("/Docs/file", "changed"); },  [&] { cloud_.rename("/Docs/in/g", "h"); },
+        [&] { cloud_.move("/Docs/d", "/Docs/in"); },   [&] { cloud_.move("/Docs/in/f", "/Korvane_other"); },
+        [&] { cloud_.trash("/Docs/in/h"); },           [&] { cloud_.trash("/Docs/file"); },
+        [&] { cloud_.move("/Docs/in/new", "/Docs"); }, [&] { cloud_.rename("/Docs/in", "in2"); },
+    };
+    for (size_t i = 0; i < std::size(changes); ++i) {
+        SCOPED_TRACE(i);
+        later();
+        changes[i]();
+        EXPECT_THAT(poll(), testing::ContainsRegex("error: .* leads through the symbolic link D/Docs/"));
+        EXPECT_EQ(outside(), before);
+        if (i == 4) {
+            EXPECT_THAT(log([&] { EXPECT_EQ(pass("/D", "/"), 0); }, 0),
+                        HasSubstr("error: op_full_download: Local path D/Docs/in leads through"));
+        }
+    }
+    EXPECT_EQ(outside(), before);
+    EXPECT_EQ(at("/D/Docs/d"), "/Docs/d") << "moved behind the link in the cloud";
+    EXPECT_EQ(at("/D/Docs/new"), "new") << "what came out from behind it";
+}
+
+TEST_F(edges, a_folder_from_an_unknown_place_is_brought_down_whole)
+{
+    // What was moved into a new folder follows by its own change, without a download.
+    cloud_.mkdir("/New");
+    for (const char* path : {"/Docs/d", "/Docs/sub"})
+        cloud_.move(path, "/New");
+    cloud_.move("/Korvane_nas1/Photos/a", "/New");
+    cloud_.forget_requests();
+    poll();
+    EXPECT_EQ(tree("/D/New"), "a d sub/ sub/e ");
+    EXPECT_EQ(downloads(), 0);
+    later();
+
+    const std::string id = cloud_.stat("/New/sub")["id"];
+    cloud_.trash("/New/sub");
+    poll();
+    EXPECT_EQ(tree("/D/New"), "a d ");
+    later();
+    cloud_.edit({{"id", id}, {"status", "AVAILABLE"}});
+    poll();
+    EXPECT_EQ(at("/D/New/sub/e"), "/Docs/sub/e");
+
+    later();
+    cloud_.move("/Korvane_other/box", "/Docs");
+    acd_cache_reset();
+    poll();
+    EXPECT_EQ(at("/D/Docs/box/in/deep"), "/Korvane_other/box/in/deep");
+}
+
+TEST_F(edges, a_new_place_and_new_content_at_once)
+{
+    const auto changed = [&](const char* path, const char* content) {
+        cloud_.put(path, content);
+        cloud_.forget_requests();
+        poll();
+        EXPECT_EQ(at("/D"s + path), content);
+        EXPECT_EQ(mtime_of(base_ + "/D" + path), cloud_time(path));
+        EXPECT_EQ(downloads(), 1);
+        later();
+    };
+    cloud_.rename("/Docs/d", "r");
+    changed("/Docs/r", "/DOCS/D"); // of the same size
+    cloud_.move("/Docs/r", "/Docs/sub");
+    changed("/Docs/sub/r", "longer than before");
+
+    // Gone here meanwhile: neither can be renamed or moved.
+    fs::remove(base_ + "/D/Docs/sub/r");
+    cloud_.rename("/Docs/sub/r", "s");
+    EXPECT_THAT(poll(), HasSubstr("error: op_downsync_rename_node: Failed to rename D/Docs/sub/r to"));
+    EXPECT_EQ(at("/D/Docs/sub/s"), "longer than before");
+    later();
+    fs::remove_all(base_ + "/D/Docs/sub");
+    cloud_.move("/Docs/sub", "/");
+    poll();
+    EXPECT_EQ(at("/D/sub/s") + at("/D/sub/e"), "longer than before/Docs/sub/e");
+}
+
+TEST_F(edges, an_edit_made_here_outlives_a_new_place)
+{
+    const auto edit = [&](const std::string& path) {
+        write_file(base_ + path, "edited here", mtime_of(base_ + path) + 1);
+        later();
+    };
+    edit("/D/Docs/d");
+    cloud_.rename("/Docs/d", "r");
+    poll();
+    EXPECT_EQ(at("/D/Docs/r"), "edited here");
+    EXPECT_EQ(mtime_of(base_ + "/D/Docs/r"), cloud_time("/Docs/r") + 1) << "newer, so that it goes up";
+    edit("/D/Docs/r");
+    cloud_.move("/Docs/r", "/Docs/sub");
+    poll();
+    EXPECT_EQ(at("/D/Docs/sub/r"), "edited here");
+    EXPECT_GT(mtime_of(base_ + "/D/Docs/sub/r"), cloud_time("/Docs/sub/r"));
+
+    // Nor does a move go over a newer file, or into a folder that is there.
+    write_file(base_ + "/D/sub", "new here", time(nullptr) + 9999);
+    cloud_.move("/Docs/sub/e", "/");
+    write_file(base_ + "/D/e", "new here", time(nullptr) + 9999);
+    poll();
+    EXPECT_EQ(at("/D/e") + at("/D/Docs/sub/e"), "new here/Docs/sub/e");
+    later();
+    cloud_.mkdir("/to");
+    poll();
+    write_file(base_ + "/D/to/sub/mine", "mine");
+    cloud_.move("/Docs/sub", "/to");
+    poll();
+    EXPECT_EQ(tree("/D/to"), "sub/ sub/mine sub/r ");
+    EXPECT_EQ(tree("/D/Docs"), "sub/ sub/e sub/r ");
+}
+
+TEST_F(edges, what_is_newer_here_stays_when_it_is_moved_out)
+{
+    write_file(base_ + "/D/Docs/d", "newer", time(nullptr) + 9999);
+    write_file(base_ + "/D/Docs/sub/e", "newer", time(nullptr) + 9999);
+    for (const char* path : {"/Docs/d", "/Docs/sub"})
+        cloud_.move(path, "/Korvane_other");
+    const std::string log = poll();
+    for (const char* path : {"d", "sub"})
+        EXPECT_THAT(log, HasSubstr("is older than local node D/Docs/"s + path + "! It is kept.\n"));
+    EXPECT_EQ(tree("/D/Docs"), "d sub/ sub/e ");
+    later();
+    cloud_.move("/Docs", "/Korvane_other");
+    fs::remove_all(base_ + "/D/Docs/sub");
+    write_file(base_ + "/D/Docs/d", "older", 1433160000);
+    set_mtime((base_ + "/D/Docs").c_str(), 1433160000);
+    poll();
+    EXPECT_EQ(tree("/D"), "");
+}
+
+TEST_F(edges, the_state_that_must_not_be_ends_the_process_once)
+{
+    fs::remove(base_ + "/D/Docs/d");
+    cloud_.move("/Docs/d", "/Docs/sub");
+    EXPECT_EXIT(pass("/D", "/"), testing::ExitedWithCode(1), "");
+    acd_cache_deinit();
+    EXPECT_EQ(acd_cache_init(0), ACD_CACHE_ERR_OK);
+    EXPECT_EQ(pass("/D", "/"), 0);
+    EXPECT_EQ(at("/D/Docs/sub/d"), "/Docs/d");
+}
+
+TEST_F(edges, a_rename_to_other_letters_arrives)
+{
+    cloud_.rename("/Docs/d", "D");
+    cloud_.rename("/Docs/sub", "Sub");
+    cloud_.forget_requests();
+    poll();
+    EXPECT_EQ(tree("/D/Docs"), "D Sub/ Sub/e ");
+    EXPECT_EQ(downloads(), 0);
+}
