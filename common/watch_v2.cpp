@@ -71,6 +71,8 @@ void handle_round(watches_list_t* list, fd_set* ready, watch_notify_t notify, vo
                   watch_notify_move_t notify_move, const volatile sig_atomic_t* exit_flag)
 {
     const move_event_queue_ptr queue(init_move_event_queue());
+    const move_handler_t handler{list, notify, ctx, notify_move};
+    queue->handler = &handler;
     const auto read_all = [&] {
         for (watches* set = list->head; set; set = set->next)
             if (FD_ISSET(set->inotify.get(), ready))

@@ -21,6 +21,19 @@ void log_event(const inotify_event* event)
               has(IN_ISDIR));
 }
 
+// False for an unknown descriptor.
+bool get_event_path(watches* set, const inotify_event* event, char (&path)[path_size])
+{
+    const std::string* folder = find_watched_path(set, event->wd);
+    if (!folder)
+        return false;
+    if (event->len > 0)
+        safe_snprintf(path, sizeof path, "%s/%s", folder->c_str(), event->name);
+    else
+        safe_snprintf(path, sizeof path, "%s", folder->c_str());
+    return true;
+}
+
 } // namespace
 
 void read_inotify_events(watches* set, move_event_queue_t* queue, watch_notify_t notify, void* ctx,
@@ -55,8 +68,10 @@ void walk_inotify_events(watches* set, move_event_queue_t* queue, const char* bu
             LOG_ERROR("%s: inotify event Q overflow.\n", "read_inotify_events");
             return;
         }
-        if ((event->mask & ~IN_IGNORED) == 0)
+        if ((event->mask & ~IN_IGNORED) == 0) {
+            set->redirected.erase(event->wd); // the last event that bears the descriptor
             continue;
+        }
         if (int rc = process_inotify_events(set, queue, event, notify, ctx); rc != 0)
             LOG_ERROR("%s: process_inotify_events return %d\n", "read_inotify_events", rc);
     }
@@ -65,22 +80,21 @@ void walk_inotify_events(watches* set, move_event_queue_t* queue, const char* bu
 int process_inotify_events(watches* set, move_event_queue_t* queue, const inotify_event* event,
                            watch_notify_t notify, void* ctx)
 {
-    const watch* folder = find_watch(set, event->wd);
-    if (!folder) {
+    char path[path_size];
+    bool is_known = get_event_path(set, event, path);
+    // A moved folder's events speak of its new path once the move was delivered.
+    if (is_known && queue && deliver_touched_moves(queue, path, event->cookie))
+        is_known = get_event_path(set, event, path);
+    if (!is_known) {
         LOG_ERROR("%s: wd %d is not registered to watches %s\n", __func__, event->wd, set->root_path.c_str());
         return -1;
     }
-    char path[path_size];
-    if (event->len > 0)
-        safe_snprintf(path, sizeof path, "%s/%s", folder->path.c_str(), event->name);
-    else
-        safe_snprintf(path, sizeof path, "%s", folder->path.c_str());
-
     const uint32_t mask = event->mask;
     const int is_dir = (mask & IN_ISDIR) != 0;
     if (mask & IN_DELETE_SELF) {
         LOG_DEBUG("DEL DIRECTORY: %s\n", path);
-        del_watch(set, event->wd);
+        if (find_watch(set, event->wd))
+            del_watch(set, event->wd);
         return notify(path, WATCH_TYPE_V2_DEL_DIR, ctx);
     }
     if (mask & IN_MOVED_FROM) {

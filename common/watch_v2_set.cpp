@@ -117,6 +117,14 @@ void del_watch(watches* set, int wd)
     set->by_wd.erase(wd);
 }
 
+const std::string* find_watched_path(watches* set, int wd)
+{
+    if (const watch* folder = find_watch(set, wd))
+        return &folder->path;
+    const auto redirected = set->redirected.find(wd);
+    return redirected == set->redirected.end() ? nullptr : &redirected->second;
+}
+
 void watch_folder(watches* set, const char* folder, watch_notify_t notify, void* ctx)
 {
     LOG_DEBUG("watch_folder(%s,%s)\n", set->root_path.c_str(), folder);
@@ -131,7 +139,9 @@ void watch_folder(watches* set, const char* folder, watch_notify_t notify, void*
         return;
     }
     add_watch(set, folder);
-    for (const dirent* entry : entries) {
+    // What came since the listing began and before the watch is in no event.
+    const dir_list since(folder, notify ? select_folders_and_files : select_folders);
+    for (const dirent* entry : since ? since : entries) {
         const std::string path = std::string(folder) + "/" + entry->d_name;
         if (entry->d_type == DT_DIR)
             watch_folder(set, path.c_str(), notify, ctx);

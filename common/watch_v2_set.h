@@ -48,7 +48,8 @@ struct watches {
     watch* head = nullptr;
     watch* tail = nullptr;
     watches* next = nullptr;
-    std::unordered_map<int, watch> by_wd; // owns the watches
+    std::unordered_map<int, watch> by_wd;            // owns the watches
+    std::unordered_map<int, std::string> redirected; // paths by descriptors that events in flight still bear
 };
 
 struct watches_list_t {
@@ -65,6 +66,9 @@ int add_watch(watches* set, const char* folder);
 
 // Ends one watch; an unknown descriptor is only logged.
 void del_watch(watches* set, int wd);
+
+// The path of the folder that events of that descriptor speak of; null when the root has none.
+const std::string* find_watched_path(watches* set, int wd);
 
 // Watches a folder and everything below it. With notify it reports the folder, and then each subfolder and
 // regular file in alphabetical order.

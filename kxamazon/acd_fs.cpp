@@ -137,7 +137,21 @@ void drop_notes(const acd_node_t* node)
     acd_cache_delete_renamed_node(node);
 }
 
-acd_fs_error_t move_to_folder(const acd_node_t* node, const char* new_folder, node_ptr& moved)
+void replace(char*& text, const char* by)
+{
+    string_ptr old(std::exchange(text, safe_strdup(by)));
+}
+
+// node is as the change left it. A reply without a node leaves it to us to tell the cache: with the old place
+// there, the feed would note the change as the cloud's.
+void keep_change(const acd_node_t* node, const node_ptr& reply)
+{
+    if (!reply)
+        acd_cache_node(node);
+    drop_notes(node);
+}
+
+acd_fs_error_t move_to_folder(acd_node_t* node, const char* new_folder, node_ptr& moved)
 {
     node_ptr parent;
     if (auto rc = acd_node_get_node(new_folder, out(parent)); rc != ACD_FS_ERR_OK) {
@@ -149,18 +163,21 @@ acd_fs_error_t move_to_folder(const acd_node_t* node, const char* new_folder, no
                   new_folder, rc);
         return rc;
     }
-    drop_notes(node);
+    if (node->parents.count > 0)
+        replace(node->parents.id_array[0], parent->id);
+    keep_change(node, moved);
     return ACD_FS_ERR_OK;
 }
 
-acd_fs_error_t rename_to(const acd_node_t* node, const char* new_name, node_ptr& renamed)
+acd_fs_error_t rename_to(acd_node_t* node, const char* new_name, node_ptr& renamed)
 {
     if (auto rc = acd_node_patch_node(node, new_name, out(renamed)); rc != ACD_FS_ERR_OK) {
         LOG_ERROR("%s: Failed to rename node %s with new name %s! %d\n", move_impl,
                   acd_node_to_short_string(node), new_name, rc);
         return rc;
     }
-    drop_notes(node);
+    replace(node->name, new_name);
+    keep_change(node, renamed);
     return ACD_FS_ERR_OK;
 }
 
@@ -169,9 +186,13 @@ acd_fs_error_t __acd_fs_move_impl(const char* old_path, const char* new_path, ac
 {
     LOG_DEBUG("%s: Move folder %s ---> %s!\n", __func__, old_path, new_path);
     node_ptr node;
-    if (auto rc = acd_node_get_node(old_path, out(node)); rc != ACD_FS_ERR_OK) {
-        LOG_ERROR("%s: Failed to get node for old_path %s! %d\n", __func__, old_path, rc);
-        return rc;
+    auto found = acd_node_get_node(old_path, out(node));
+    // Some services find what lies in the trash by its old path: it must not take the place of what lives.
+    if (found == ACD_FS_ERR_OK && (node->status == NODE_STATUS_TRASH || node->status == NODE_STATUS_PURGED))
+        found = ACD_FS_ERR_RESOURCE_NOT_FOUND;
+    if (found != ACD_FS_ERR_OK) {
+        LOG_ERROR("%s: Failed to get node for old_path %s! %d\n", __func__, old_path, found);
+        return found;
     }
     if (auto rc = clear_new_path(node.get(), old_path, new_path); rc != ACD_FS_ERR_OK)
         return rc;

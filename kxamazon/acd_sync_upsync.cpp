@@ -160,12 +160,16 @@ int acd_upsync_folder(const char* local_path, const char* cloud_path)
     return 0;
 }
 
-sync_file_action_t get_upsync_node_action(const acd_node_t* node, time_t local_mtime)
+// An upload and a download leave the local time at a whole second: one with a fraction was set by a later
+// save within that second.
+sync_file_action_t get_upsync_node_action(const acd_node_t* node, time_t local_mtime, long local_nsec)
 {
     const time_t cloud_mtime = node->modified_date;
     switch (node->status) {
     case NODE_STATUS_AVAILABLE:
-        return local_mtime > cloud_mtime ? SYNC_FILE_ACTION_OVERWRITE : SYNC_FILE_ACTION_NO_OP;
+        return local_mtime > cloud_mtime || (local_mtime == cloud_mtime && local_nsec > 0)
+                   ? SYNC_FILE_ACTION_OVERWRITE
+                   : SYNC_FILE_ACTION_NO_OP;
     case NODE_STATUS_TRASH:
     case NODE_STATUS_PURGED:
         LOG_ERROR("Got trash node %s st.st_mtime = %lld, cloud_node->modified_date = %lld!\n",
@@ -188,7 +192,8 @@ int get_upsync_file_action(const char* local_path, const char* cloud_path, sync_
     }
     node_ptr node;
     const bool found = acd_fs_get_node(cloud_path, out(node)) == ACD_FS_ERR_OK;
-    *action = found ? get_upsync_node_action(node.get(), st.st_mtime) : SYNC_FILE_ACTION_ADD;
+    *action = found ? get_upsync_node_action(node.get(), st.st_mtim.tv_sec, st.st_mtim.tv_nsec)
+                    : SYNC_FILE_ACTION_ADD;
     return 0;
 }
 

@@ -27,7 +27,7 @@ sync_folder_action_t get_upsync_folder_action(const char* cloud_path);
 int get_upsync_file_action(const char* local_path, const char* cloud_path, sync_file_action_t* action);
 
 // The rows of the latter for a node that was found.
-sync_file_action_t get_upsync_node_action(const acd_node_t* node, time_t local_mtime);
+sync_file_action_t get_upsync_node_action(const acd_node_t* node, time_t local_mtime, long local_nsec = 0);
 
 // Upload, log and record one file.
 acd_fs_error_t __acd_upsync_add_file(const char* local_path, const char* cloud_path);

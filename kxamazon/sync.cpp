@@ -6,6 +6,7 @@
 #include "common/utils.h"
 #include "kxamazon/acd_sync.h"
 #include "kxamazon/acd_sync_downsync.h"
+#include "kxamazon/acd_sync_echo.h"
 #include "kxamazon/download_note.h"
 #include "kxamazon/global.h"
 
@@ -50,6 +51,7 @@ int watch_pairs()
     TAILQ_FOREACH (pair, global.sync_pairs, entries) {
         add_folder_to_watches_list(list.get(), pair->local_drive_path);
     }
+    acd_sync_forget_echoes(); // nobody watched until now
     return watch_loop(list.get(), kx_idle_poll_sec, watch_notify, nullptr, watch_notify_move,
                       &global.exit_flag);
 }

@@ -1,11 +1,14 @@
 #include <cstring>
+#include <sys/stat.h>
 
 #include "common/utils.h"
 #include "kxamazon/acd_fs.h"
 #include "kxamazon/acd_sync_downsync.h"
+#include "kxamazon/acd_sync_echo.h"
 #include "kxamazon/acd_sync_upsync.h"
 #include "kxamazon/acd_utils.h"
 #include "kxamazon/global.h"
+#include "kxamazon/linux_fs.h"
 #include "kxamazon/sync.h"
 
 namespace
@@ -41,8 +44,25 @@ void add_file(const char* local_path, const char* cloud_path)
         LOG_ERROR("%s: acd_upsync_file failed! %d\n", "watch_notify", rc);
 }
 
-void delete_node(const char* kind, const char* cloud_path)
+// The event is the echo of what was done here for the cloud. A node that is at the path is another one, which
+// took it since. rc is what the cloud has there, or why not.
+bool is_taken(const char* cloud_path, acd_fs_error_t* rc)
 {
+    node_ptr node;
+    *rc = acd_fs_get_node(cloud_path, out(node));
+    if (node)
+        LOG_DEBUG("%s: %s left this path for the cloud, which has another node there now: %s\n",
+                  "watch_notify", cloud_path, acd_node_to_short_string(node.get()));
+    return *rc == ACD_FS_ERR_OK;
+}
+
+void delete_node(const char* kind, const char* cloud_path, bool is_echo)
+{
+    if (acd_fs_error_t rc; is_echo) {
+        if (!is_taken(cloud_path, &rc))
+            LOG_ERROR("Failed to delete %s %s! %d\n", kind, cloud_path, rc);
+        return;
+    }
     if (acd_fs_error_t rc = acd_fs_delete_file(cloud_path); rc != ACD_FS_ERR_OK) {
         LOG_ERROR("Failed to delete %s %s! %d\n", kind, cloud_path, rc);
         return;
@@ -51,7 +71,7 @@ void delete_node(const char* kind, const char* cloud_path)
     add_log("LOGMSG_AMAZONDRIVE_SERVER_DELETE", cloud_path, nullptr);
 }
 
-void handle_event(watch_type_v2_t type, const char* local_path, const char* cloud_path)
+void handle_event(watch_type_v2_t type, const char* local_path, const char* cloud_path, bool is_echo)
 {
     switch (type) {
     case WATCH_TYPE_V2_ADD_FILE:
@@ -59,39 +79,105 @@ void handle_event(watch_type_v2_t type, const char* local_path, const char* clou
     case WATCH_TYPE_V2_ADD_DIR:
         return add_folder(local_path, cloud_path);
     case WATCH_TYPE_V2_DEL_FILE:
-        return delete_node("FILE", cloud_path);
+        return delete_node("FILE", cloud_path, is_echo);
     case WATCH_TYPE_V2_DEL_DIR:
-        return delete_node("FOLDER", cloud_path);
+        return delete_node("FOLDER", cloud_path, is_echo);
     default:
         return;
     }
 }
 
-void move_folder(const char* cloud_old, const char* cloud_new, const char* new_local_path)
+int add_entry(const char* full_path, const struct dirent* entry, void* arg)
+{
+    struct stat st;
+    const bool is_folder = entry->d_type == DT_DIR;
+    if (is_folder && (lstat(full_path, &st) != 0 || st.st_dev != *static_cast<dev_t*>(arg)))
+        return ACD_FS_ERR_SCAN_OP_CONTINUE;
+    return watch_notify(full_path, is_folder ? WATCH_TYPE_V2_ADD_DIR : WATCH_TYPE_V2_ADD_FILE, nullptr);
+}
+
+// The cloud never had it at its old path: it was made, or written under another name, and renamed at once.
+// What stands at the new path now comes up like anything new.
+void add_moved(const char* local_path, watch_type_v2_t type)
+{
+    const bool is_folder = type == WATCH_TYPE_V2_MOVE_DIR;
+    struct stat st;
+    if (lstat(local_path, &st) != 0 || S_ISDIR(st.st_mode) != is_folder)
+        return; // gone again
+    watch_notify(local_path, is_folder ? WATCH_TYPE_V2_ADD_DIR : WATCH_TYPE_V2_ADD_FILE, nullptr);
+    if (is_folder)
+        linux_fs_scan_dir_op_first(local_path, 1, op_upsync_filter, add_entry, &st.st_dev);
+}
+
+bool has_time(const char* path, time_t mtime)
+{
+    struct stat st;
+    return lstat(path, &st) == 0 && st.st_mtim.tv_sec == mtime && st.st_mtim.tv_nsec == 0;
+}
+
+// A file that was saved just before it was moved may not have come up yet; with the cloud's time it never
+// would.
+void settle_file(const acd_node_t* node, bool was_in_step, const char* local_path)
+{
+    if (!node || was_in_step || linux_fs_has_content(local_path, node->size_byte, node->md5)) {
+        upsync_update_mtime_node(node, local_path);
+        return;
+    }
+    set_mtime(local_path, node->modified_date + 1);
+    watch_notify(local_path, WATCH_TYPE_V2_ADD_FILE, nullptr);
+}
+
+void fail_to_move_folder(const char* cloud_old, const char* cloud_new, acd_fs_error_t rc)
+{
+    LOG_ERROR("%s: Failed to move folder %s ---> %s \n! %d", "watch_notify_move", cloud_old, cloud_new, rc);
+}
+
+acd_fs_error_t move_folder(const char* cloud_old, const char* cloud_new, const char* new_local_path)
 {
     node_ptr node;
     if (auto rc = acd_fs_move_folder(cloud_old, cloud_new, out(node)); rc != ACD_FS_ERR_OK) {
-        LOG_ERROR("%s: Failed to move folder %s ---> %s \n! %d", "watch_notify_move", cloud_old, cloud_new,
-                  rc);
-        return;
+        fail_to_move_folder(cloud_old, cloud_new, rc);
+        return rc;
     }
     add_log("LOGMSG_AMAZONDRIVE_SERVER_MOVE", cloud_old, cloud_new, nullptr);
     LOG_INFO("Cloud:Move:FOLDER %s ---> %s \n.", cloud_old, cloud_new);
     upsync_update_mtime_node(node.get(), new_local_path);
+    return ACD_FS_ERR_OK;
 }
 
 // Unlike a folder's, a file's event is recorded even when the move failed.
-void move_file(const char* cloud_old, const char* cloud_new, const char* new_local_path)
+void fail_to_move_file(const char* cloud_old, const char* cloud_new, acd_fs_error_t rc)
 {
+    add_log("LOGMSG_AMAZONDRIVE_SERVER_MOVE", cloud_old, cloud_new, nullptr);
+    LOG_ERROR("%s: Failed to move file %s ---> %s \n! %d", "watch_notify_move", cloud_old, cloud_new, rc);
+}
+
+acd_fs_error_t move_file(const char* cloud_old, const char* cloud_new, const char* new_local_path)
+{
+    node_ptr before;
+    acd_fs_get_node(cloud_old, out(before));
+    const bool was_in_step = before && has_time(new_local_path, before->modified_date);
     node_ptr node;
     acd_fs_error_t rc = acd_fs_move_file(cloud_old, cloud_new, out(node));
-    add_log("LOGMSG_AMAZONDRIVE_SERVER_MOVE", cloud_old, cloud_new, nullptr);
     if (rc != ACD_FS_ERR_OK) {
-        LOG_ERROR("%s: Failed to move file %s ---> %s \n! %d", "watch_notify_move", cloud_old, cloud_new, rc);
-        return;
+        fail_to_move_file(cloud_old, cloud_new, rc);
+        return rc;
     }
+    add_log("LOGMSG_AMAZONDRIVE_SERVER_MOVE", cloud_old, cloud_new, nullptr);
     LOG_INFO("Cloud:Move:FILE %s ---> %s \n.", cloud_old, cloud_new);
-    upsync_update_mtime_node(node.get(), new_local_path);
+    settle_file(node.get(), was_in_step, new_local_path);
+    return ACD_FS_ERR_OK;
+}
+
+// An own move has nothing to move in the cloud; what was edited here since comes up.
+void handle_move_echo(const char* cloud_old, const char* cloud_new, const char* new_local_path,
+                      watch_type_v2_t type)
+{
+    const bool is_folder = type == WATCH_TYPE_V2_MOVE_DIR;
+    if (acd_fs_error_t rc; !is_taken(cloud_old, &rc))
+        (is_folder ? fail_to_move_folder : fail_to_move_file)(cloud_old, cloud_new, rc);
+    if (!is_folder)
+        watch_notify(new_local_path, WATCH_TYPE_V2_ADD_FILE, nullptr);
 }
 
 // Shows SYNCING in the status file for as long as it lives.
@@ -120,9 +206,12 @@ int watch_notify(const char* local_path, watch_type_v2_t type, void*)
     LOG_DEBUG("watch_notify(%s,%d)\n", local_path, type);
     syncing_status status;
     if (type == WATCH_TYPE_V2_NONE || !local_path) {
+        acd_sync_forget_echoes();
         acd_downsync_changes(global.sync_pairs);
         return 0;
     }
+    const bool is_delete = type == WATCH_TYPE_V2_DEL_FILE || type == WATCH_TYPE_V2_DEL_DIR;
+    const bool is_echo = is_delete && acd_sync_take_echo(local_path);
     const acd_sync_pair_entry_t* pair;
     TAILQ_FOREACH (pair, global.sync_pairs, entries) {
         const char* rest = path_below(pair->local_drive_path, local_path);
@@ -135,7 +224,7 @@ int watch_notify(const char* local_path, watch_type_v2_t type, void*)
             LOG_ERROR("%s: Cloud path of %s is too long!\n", __func__, local_path);
             continue;
         }
-        handle_event(type, local_path, cloud_path);
+        handle_event(type, local_path, cloud_path, is_echo);
     }
     return 0;
 }
@@ -154,10 +243,13 @@ int watch_notify_move(const char* old_local_path, const char* new_local_path, wa
         LOG_ERROR("%s: Failed to get cloud node path for new local path %s!\n", __func__, no_path);
         return -1;
     }
-    if (type == WATCH_TYPE_V2_MOVE_DIR)
-        move_folder(cloud_old.get(), cloud_new.get(), new_local_path);
-    else
-        move_file(cloud_old.get(), cloud_new.get(), new_local_path);
+    if (acd_sync_take_echo(old_local_path)) {
+        handle_move_echo(cloud_old.get(), cloud_new.get(), new_local_path, type);
+        return 0;
+    }
+    const auto move = type == WATCH_TYPE_V2_MOVE_DIR ? move_folder : move_file;
+    if (move(cloud_old.get(), cloud_new.get(), new_local_path) == ACD_FS_ERR_RESOURCE_NOT_FOUND)
+        add_moved(new_local_path, type);
     return 0;
 }
 

@@ -1,7 +1,9 @@
 // Where following the cloud, or the owner, to the letter would lose what the owner has.
+#include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <regex>
+#include <sys/stat.h>
 
 #include "common/utils.h"
 #include "kxamazon/acd_fs_cache.h"
@@ -279,4 +281,157 @@ TEST_F(edges, a_rename_to_other_letters_arrives)
     poll();
     EXPECT_EQ(tree("/D/Docs"), "D Sub/ Sub/e ");
     EXPECT_EQ(downloads(), 0);
+}
+
+// What the watcher tells of a local change.
+class edges_live : public edges
+{
+protected:
+    void notify(const char* path, watch_type_v2_t type)
+    {
+        EXPECT_EQ(watch_notify((base_ + path).c_str(), type, nullptr), 0);
+    }
+    void notify_move(const char* from, const char* to, watch_type_v2_t type = WATCH_TYPE_V2_MOVE_FILE)
+    {
+        EXPECT_EQ(watch_notify_move((base_ + from).c_str(), (base_ + to).c_str(), type), 0);
+    }
+    void idle() { EXPECT_EQ(watch_notify(nullptr, WATCH_TYPE_V2_NONE, nullptr), 0); }
+    std::string id_at(const char* path) const { return cloud_.stat(path).value("id", ""); }
+};
+
+TEST_F(edges_live, the_echo_of_own_work_never_meets_another_node)
+{
+    const std::string d = id_at("/Docs/d"), sub = id_at("/Docs/sub");
+    cloud_.rename("/Docs/d", "r");
+    cloud_.move("/Docs/sub", "/");
+    idle();
+    EXPECT_EQ(tree("/D"), "Docs/ Docs/r sub/ sub/e ");
+    later();
+    cloud_.put("/Docs/d", "new");
+    cloud_.put("/Docs/sub/new", "new");
+    cloud_.forget_requests();
+    notify_move("/D/Docs/d", "/D/Docs/r");
+    notify_move("/D/Docs/sub", "/D/sub", WATCH_TYPE_V2_MOVE_DIR);
+    EXPECT_EQ(cloud_.count("POST|PUT|PATCH", "."), 0);
+    EXPECT_EQ(id_at("/Docs/r"), d);
+    EXPECT_EQ(id_at("/sub"), sub);
+    idle();
+
+    later();
+    for (const char* path : {"/Docs/r", "/sub", "/Docs/d"})
+        cloud_.trash(path);
+    cloud_.move("/Docs/sub/new", "/Korvane_other");
+    idle();
+    EXPECT_EQ(tree("/D"), "Docs/ Docs/sub/ ");
+    later();
+    for (const char* path : {"/Docs/r", "/sub/e", "/Docs/sub/new"})
+        cloud_.put(path, "again");
+    cloud_.forget_requests();
+    for (const char* path : {"/D/Docs/r", "/D/sub/e", "/D/Docs/d", "/D/Docs/sub/new"})
+        notify(path, WATCH_TYPE_V2_DEL_FILE);
+    notify("/D/sub", WATCH_TYPE_V2_DEL_DIR);
+    EXPECT_EQ(cloud_.count("POST|PUT|PATCH", "."), 0);
+    for (const char* path : {"/Docs/r", "/sub/e", "/Docs/sub/new"})
+        EXPECT_TRUE(cloud_.has(path)) << path;
+
+    // An echo is heard once, and none is waited for when there was time enough to hear it.
+    notify("/D/Docs/r", WATCH_TYPE_V2_DEL_FILE);
+    EXPECT_FALSE(cloud_.has("/Docs/r"));
+    later();
+    cloud_.trash("/sub/e");
+    idle();
+    idle();
+    cloud_.put("/sub/e", "once more");
+    notify("/D/sub/e", WATCH_TYPE_V2_DEL_FILE);
+    EXPECT_FALSE(cloud_.has("/sub/e"));
+}
+
+TEST_F(edges_live, what_never_was_at_its_old_path_comes_up_at_the_new_one)
+{
+    write_file(base_ + "/D/Docs/d", "saved", mtime_of(base_ + "/D/Docs/d") + 1);
+    notify("/D/Docs/d.tmp", WATCH_TYPE_V2_ADD_FILE);
+    notify_move("/D/Docs/d.tmp", "/D/Docs/d");
+    EXPECT_EQ(cloud_.get("/Docs/d").body, "saved");
+    write_file(base_ + "/D/album/in/one", "1");
+    write_file(base_ + "/D/album/two", "2");
+    notify_move("/D/untitled", "/D/album", WATCH_TYPE_V2_MOVE_DIR);
+    EXPECT_EQ(cloud_.get("/album/in/one").body + cloud_.get("/album/two").body, "12");
+
+    // Saved and moved before the save was heard of.
+    fs::rename(base_ + "/D/album/two", base_ + "/D/album/three");
+    write_file(base_ + "/D/album/three", "33", mtime_of(base_ + "/D/album/three") + 1);
+    later();
+    const std::string id = id_at("/album/two");
+    notify_move("/D/album/two", "/D/album/three");
+    EXPECT_EQ(cloud_.get("/album/three").body, "33");
+    EXPECT_EQ(id_at("/album/three"), id);
+}
+
+TEST_F(edges_live, a_second_save_within_the_second_goes_up)
+{
+    const std::string path = base_ + "/D/Docs/d";
+    write_file(path, "once more", mtime_of(path));
+    notify("/D/Docs/d", WATCH_TYPE_V2_ADD_FILE);
+    EXPECT_EQ(cloud_.get("/Docs/d").body, "/Docs/d") << "the same time";
+    const timespec times[] = {{mtime_of(path), 1000000}, {mtime_of(path), 1000000}};
+    utimensat(AT_FDCWD, path.c_str(), times, 0);
+    notify("/D/Docs/d", WATCH_TYPE_V2_ADD_FILE);
+    EXPECT_EQ(cloud_.get("/Docs/d").body, "once more");
+    cloud_.forget_requests();
+    notify("/D/Docs/d", WATCH_TYPE_V2_ADD_FILE);
+    EXPECT_EQ(cloud_.count("PUT", "."), 0) << "once";
+}
+
+TEST_F(edges_live, a_move_with_an_empty_answer_is_not_repeated_here)
+{
+    for (const char* method : {"POST", "PATCH"})
+        cloud_.fail({{"method", method}, {"path", "^/nodes/"}, {"status", 200}, {"body", ""}, {"run", true}});
+    fs::rename(base_ + "/D/Docs/d", base_ + "/D/Docs/sub/r");
+    notify_move("/D/Docs/d", "/D/Docs/sub/r");
+    write_file(base_ + "/D/Docs/d", "new at the old path");
+    idle();
+    EXPECT_EQ(at("/D/Docs/d"), "new at the old path");
+    EXPECT_EQ(at("/D/Docs/sub/r"), "/Docs/d");
+    EXPECT_EQ(cloud_.get("/Docs/sub/r").body, "/Docs/d");
+}
+
+TEST_F(edges_live, a_move_whose_answer_was_lost_leaves_the_old_path_alone)
+{
+    cloud_.move("/Docs/d", "/Docs/sub");
+    fs::rename(base_ + "/D/Docs/d", base_ + "/D/Docs/sub/d");
+    write_file(base_ + "/D/Docs/d", "new at the old path");
+    idle();
+    EXPECT_EQ(at("/D/Docs/d"), "new at the old path");
+    EXPECT_EQ(at("/D/Docs/sub/d"), "/Docs/d");
+    later();
+    fs::rename(base_ + "/D/Docs/sub", base_ + "/D/sub");
+    fs::create_directory(base_ + "/D/Docs/sub");
+    cloud_.move("/Docs/sub", "/");
+    idle();
+    EXPECT_EQ(tree("/D"), "Docs/ Docs/d Docs/sub/ sub/ sub/d sub/e ");
+    EXPECT_EQ(at("/D/Docs/d"), "new at the old path");
+    EXPECT_EQ(at("/D/sub/d"), "/Docs/d");
+}
+
+TEST_F(edges, a_ring_of_parents_hangs_no_path_query)
+{
+    const auto folder = [&](const char* id, const char* parent) {
+        return nlohmann::json{{"id", id},
+                              {"name", id},
+                              {"kind", "FOLDER"},
+                              {"status", "AVAILABLE"},
+                              {"parents", {parent}},
+                              {"createdDate", "2015-06-01T12:00:00Z"},
+                              {"modifiedDate", "2015-06-01T12:00:00Z"}};
+    };
+    const auto answer = [&](const char* id, const char* parent) {
+        cloud_.fail(
+            {{"path", "^/nodes/"s + id}, {"times", -1}, {"status", 200}, {"body", folder(id, parent)}});
+    };
+    answer("ring_a", "ring_b");
+    answer("ring_b", "ring_a");
+    const node_ptr node(parse_node(folder("ring_a", "ring_b").dump().c_str()));
+    acd_cache_node(node.get());
+    string_ptr path;
+    EXPECT_EQ(acd_node_get_path(node.get(), out(path)), ACD_FS_ERR_RESOURCE_NOT_FOUND);
 }

@@ -20,10 +20,12 @@ using testing::StartsWith;
 
 static int adds_to_fail = 0;
 static int add_errno = 0;
+static void (*before_add)(const char* path) = [](const char*) {};
 
 // Takes the place of the library's: a real limit cannot be met without disturbing the machine.
 extern "C" int inotify_add_watch(int fd, const char* path, uint32_t mask) noexcept
 {
+    before_add(path);
     if (adds_to_fail == 0)
         return static_cast<int>(syscall(SYS_inotify_add_watch, fd, path, mask));
     adds_to_fail--;
@@ -350,6 +352,56 @@ TEST_F(Watcher, CallsBackAfterAnIdlePeriod)
     EXPECT_EQ(loop(1, note), 0);
     EXPECT_EQ(stop, 1);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(990));
+}
+
+TEST_F(Watcher, DeliversAMoveBeforeWhatComesAfterItAtItsPaths)
+{
+    const struct {
+        const char *command, *expected, *later, *expected_later;
+    } rows[] = {
+        {"mv one/f one/g; echo 2 > one/f; rm one/g",
+         "Move File one/f -> one/g; Add File one/f; Delete File one/g; ", "true", ""},
+        {"mv one/f out; echo 2 > one/f", "Delete File one/f; Add File one/f; ", "true", ""},
+        {"mv one/f one/g; mv one/g one/h; echo 2 > one/f",
+         "Move File one/f -> one/g; Add File one/f; Move File one/g -> one/h; ", "true", ""},
+        {"mv one/a one/z; mkdir one/a; echo 2 > one/z/n; rm one/z/n",
+         "Move Folder one/a -> one/z; Add Folder one/a; Add File one/z/n; Delete File one/z/n; ",
+         "echo 2 > one/a/x; echo 2 > one/z/x", "Add File one/a/x; Add File one/z/x; "},
+        {"mv one/a one/y; mv one/y one/z; echo 2 > one/z/n",
+         "Move Folder one/a -> one/y; Move Folder one/y -> one/z; Add File one/z/n; ", "echo 2 > one/z/x",
+         "Add File one/z/x; "},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.command);
+        SetUp();
+        sh(row.command);
+        EXPECT_EQ(changes(), row.expected);
+        sh(row.later);
+        EXPECT_EQ(changes(), row.expected_later);
+        EXPECT_TRUE(list->head->redirected.empty());
+    }
+}
+
+TEST_F(Watcher, TakesAMoveThatTwoRootsSeeForOne)
+{
+    EXPECT_EQ(add("one/a"), 0);
+    sh("mv one/a/g one/a/h; mv one/a/sub one/a/sub2; echo 2 > one/a/g");
+    EXPECT_EQ(changes(), "Move File one/a/g -> one/a/h; Add File one/a/g; Add File one/a/g; "
+                         "Move Folder one/a/sub -> one/a/sub2; ");
+}
+
+TEST_F(Watcher, ReportsWhatComesIntoANewFolderBeforeItsWatch)
+{
+    before_add = [](const char* path) {
+        if (fs::path(path).filename() == "n")
+            sh("mkdir one/n/d; echo 1 > one/n/d/late; echo 1 > one/n/late");
+    };
+    sh("mkdir one/n");
+    EXPECT_EQ(changes(),
+              "Add Folder one/n; Add Folder one/n/d; Add File one/n/d/late; Add File one/n/late; ");
+    before_add = [](const char*) {};
+    sh("echo 2 > one/n/d/x");
+    EXPECT_EQ(changes(), "Add File one/n/d/x; ");
 }
 
 } // namespace
