@@ -54,7 +54,7 @@ acd_fs_error_t init_checkpoint()
     if (auto rc = reset_cache("acd_fs_init"); rc != ACD_FS_ERR_OK)
         return rc;
     acd_fs_checkpoint_init();
-    return ACD_FS_ERR_OK;
+    return acd_fs_get_checkpoint() ? ACD_FS_ERR_OK : ACD_FS_ERR_STOPPED;
 }
 
 // ---- Folders ----
@@ -394,6 +394,8 @@ acd_fs_error_t acd_fs_download_file(const char* id, const char* local_path)
 {
     if (!id || !local_path)
         return ACD_FS_ERR_INVALID_ARGUMENTS;
+    if (acd_io_is_stopped()) // or the file would be emptied for nothing
+        return ACD_FS_ERR_STOPPED;
     mkdir_p(folder_of_path(local_path).c_str(), global.dmode);
     file_ptr file = open_for_download(local_path);
     if (!file) {

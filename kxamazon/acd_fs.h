@@ -8,7 +8,7 @@
 #include "kxamazon/acd_fs_node.h"
 
 // Opens the cache, takes up the saved checkpoint (without one the cache is emptied and the newest is fetched)
-// and reads the quota.
+// and reads the quota. ACD_FS_ERR_STOPPED when a stop was asked for while the cloud did not answer.
 acd_fs_error_t acd_fs_init();
 acd_fs_error_t acd_fs_deinit();
 

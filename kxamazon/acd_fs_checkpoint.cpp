@@ -10,6 +10,7 @@
 #include "kxamazon/acd_fs_io.h"
 #include "kxamazon/acd_sync_utils.h"
 #include "kxamazon/download_note.h"
+#include "kxamazon/global.h"
 
 namespace
 {
@@ -31,7 +32,10 @@ void acd_fs_checkpoint_init()
                   __func__, working.get());
         if (latest)
             working = std::move(latest);
-        kx_sleep_ms(kx_checkpoint_retry_ms);
+        if (!global.exit_flag)
+            kx_sleep_ms(kx_checkpoint_retry_ms);
+        if (global.exit_flag)
+            return;
     }
     LOG_DEBUG("%s: Get the latest checkpoint. \"\" ---> %s\n", __func__, latest.get());
     LOG_INFO("Finish fetching the up-to-date checkpoint.\n");

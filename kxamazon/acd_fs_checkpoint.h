@@ -2,8 +2,8 @@
 // in a one-line file.
 #pragma once
 
-// Fetches an up-to-date checkpoint when none is set; tries until the service answers. Not written to the
-// file.
+// Fetches an up-to-date checkpoint when none is set; tries until the service answers or a stop is asked
+// for; none is set then. Not written to the file.
 void acd_fs_checkpoint_init();
 
 // Forgets the current checkpoint.

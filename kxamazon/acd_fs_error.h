@@ -15,4 +15,5 @@ enum acd_fs_error_t : int {
     ACD_FS_ERR_LOCAL_IO = 9,           // a local file could not be opened or written
     ACD_FS_IO_ERR_READ_WRITE_ERROR = 100, // transfer failure in the request engine
     ACD_FS_ERR_SCAN_OP_CONTINUE = 200,    // from walk callbacks only: go on, but do not descend into this one
+    ACD_FS_ERR_STOPPED = 300, // the program is to end, and the cloud does not answer; see acd_io_is_stopped
 };

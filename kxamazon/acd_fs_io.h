@@ -98,6 +98,12 @@ acd_io_err_action __acd_io_get_curl_error_action(CURLcode code);
 acd_io_err_action __acd_io_get_http_error_action(long status_code);
 acd_fs_error_t __acd_io_get_result(long status_code);
 
+// True once a stop was asked for and a request had failed that would have been tried again. From then on
+// every request is answered with ACD_FS_ERR_STOPPED without being made, so that all loops come to their end
+// at once: what they were at counts as not done, and the next start does it. While the cloud answers, a stop
+// interrupts nothing.
+bool acd_io_is_stopped();
+
 // Performs what the session holds, with retries and token renewal.
 acd_fs_error_t __acd_io_generic_readwrite(acd_io_session_t* session);
 

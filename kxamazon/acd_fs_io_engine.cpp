@@ -227,6 +227,17 @@ std::optional<acd_io_err_action> perform(acd_io_session_t* session, size_t attem
     return __acd_io_handle_http_error(session, status_code, attempt, rc);
 }
 
+bool s_stopped = false;
+
+// False when the program is to end instead of trying again.
+bool pause_between_attempts(const acd_io_session_t* session)
+{
+    if (!global.exit_flag)
+        kx_sleep_ms(static_cast<unsigned>(session->retry_interval_sec * 1000));
+    s_stopped = global.exit_flag != 0;
+    return !s_stopped;
+}
+
 acd_io_session_t* new_session()
 {
     auto* session = new acd_io_session_t();
@@ -346,8 +357,15 @@ acd_fs_error_t __acd_io_get_result(long status_code)
     return ACD_FS_ERR_INTERNAL_ERROR;
 }
 
+bool acd_io_is_stopped()
+{
+    return s_stopped && global.exit_flag != 0;
+}
+
 acd_fs_error_t __acd_io_generic_readwrite(acd_io_session_t* session)
 {
+    if (acd_io_is_stopped())
+        return ACD_FS_ERR_STOPPED;
     acd_fs_error_t rc = ACD_FS_ERR_OK;
     size_t attempt = 0;
     do {
@@ -357,12 +375,15 @@ acd_fs_error_t __acd_io_generic_readwrite(acd_io_session_t* session)
             return ACD_FS_ERR_OK;
         if (action == ACD_IO_ERR_ACTION_GIVEUP)
             break;
-        if (action == ACD_IO_ERR_ACTION_REFRESH_TOKEN) {
+        if (action == ACD_IO_ERR_ACTION_REFRESH_TOKEN && !global.exit_flag) {
             acd_refresh_token();
             acd_io_set_token(session, global.token);
         }
         ++attempt;
-        kx_sleep_ms(static_cast<unsigned>(session->retry_interval_sec * 1000));
+        if (!pause_between_attempts(session)) {
+            LOG_INFO("%s: Stopped after attempt %zu.\n", __func__, attempt);
+            return ACD_FS_ERR_STOPPED;
+        }
     } while (session->retry == 0 || attempt <= session->retry);
     if (rc != ACD_FS_ERR_OK)
         LOG_ERROR("%s: acd io read write error (%d) after retrying %zu times!\n", __func__, rc,

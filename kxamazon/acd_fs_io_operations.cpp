@@ -24,7 +24,7 @@ const size_t fast_forward_chunk_size = 2000; // nodes per line of the reply
 // the URL is empty when it stays absent, which the engine answers at once.
 std::string drive_url(const char* global_t::*base, std::initializer_list<const char*> parts)
 {
-    if (!(global.*base))
+    if (!(global.*base) && !acd_io_is_stopped())
         acd_account_get_endpoint();
     if (!(global.*base))
         return {};
@@ -104,6 +104,7 @@ acd_fs_error_t follow_feed(string_ptr& current)
 {
     for (;;) {
         reply_t reply;
+        const std::string before = current.get();
         acd_fs_error_t rc =
             acd_io_get_changes(current.get(), fast_forward_max_nodes, fast_forward_chunk_size, &reply);
         if (rc != ACD_FS_ERR_OK) {
@@ -113,6 +114,8 @@ acd_fs_error_t follow_feed(string_ptr& current)
         }
         if (follow_reply(reply.buf, current, rc) == feed_step_t::finished)
             return rc;
+        if (global.exit_flag && before == current.get()) // a feed that repeats itself must not outlast a stop
+            return ACD_FS_ERR_STOPPED;
     }
 }
 

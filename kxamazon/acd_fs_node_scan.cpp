@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "kxamazon/acd_fs_node_reply.h"
+#include "kxamazon/global.h"
 
 namespace
 {
@@ -158,16 +160,20 @@ void apply_change(const acd_node_t* node, const change_handler_t& handler, feed_
     feed.rc = handler.callback(path.get(), node, handler.pairs);
 }
 
-void apply_changes(const acd_changes_t& changes, const change_handler_t& handler, feed_t& feed)
+// False when the program is to end before all of them are applied.
+bool apply_changes(const acd_changes_t& changes, const change_handler_t& handler, feed_t& feed)
 {
     const acd_node_list_t& list = changes.node_list;
     for (size_t i = 0; handler.callback && i < list.count; ++i) {
         LOG_INFO("%s: change node %zu/%zu: %s\n", scan_changes, i, list.count,
                  acd_node_to_short_string(list.nodes[i]));
         apply_change(list.nodes[i], handler, feed);
+        if (acd_io_is_stopped())
+            return false;
     }
     if (handler.on_checkpoint)
         handler.on_checkpoint(changes.checkpoint);
+    return true;
 }
 
 // What a line holds; a chunk comes back in changes. The line's JSON is gone before the chunk is applied.
@@ -195,12 +201,15 @@ feed_next_t apply_line(const char* line, const change_handler_t& handler, feed_t
         return next;
     LOG_DEBUG("%s: [intermediate] checkpoint %s ---> %s\n", scan_changes, feed.checkpoint.c_str(),
               changes->checkpoint);
-    feed.checkpoint = changes->checkpoint;
+    const std::string before = std::exchange(feed.checkpoint, changes->checkpoint);
     if (changes->node_list.count == 0) {
         LOG_DEBUG("%s: No more changes!\n", scan_changes);
         return stop(feed, ACD_FS_ERR_OK);
     }
-    apply_changes(*changes, handler, feed);
+    if (!apply_changes(*changes, handler, feed)) {
+        feed.checkpoint = before;
+        return stop(feed, ACD_FS_ERR_STOPPED);
+    }
     return feed_next_t::line;
 }
 
@@ -242,11 +251,14 @@ acd_fs_error_t acd_node_scan_dir(const acd_node_t* folder, acd_node_list_t** lis
     listing_t listing;
     do {
         reply_t reply;
-        const char* token = listing.next_token.empty() ? nullptr : listing.next_token.c_str();
+        const std::string before = listing.next_token;
+        const char* token = before.empty() ? nullptr : before.c_str();
         if (auto rc = acd_io_get_children_nodes(folder->id, token, nullptr, &reply); rc != ACD_FS_ERR_OK)
             return rc;
         if (auto rc = read_page(reply.buf, folder, filter, listing); rc != ACD_FS_ERR_OK)
             return rc;
+        if (global.exit_flag && token && listing.next_token == before) // pages that go in a ring
+            return ACD_FS_ERR_STOPPED;
     } while (!listing.next_token.empty());
     *list = create_acd_node_list();
     hand_over(listing.nodes, **list);
@@ -271,6 +283,8 @@ acd_fs_error_t acd_node_scan_dir_ex(const acd_node_t* folder, int recursive, acd
     }
     acd_fs_error_t result = ACD_FS_ERR_OK;
     for (size_t i = 0; i < children->count; ++i) {
+        if (acd_io_is_stopped())
+            return ACD_FS_ERR_STOPPED;
         const acd_node_t* child = children->nodes[i];
         acd_cache_node(child);
         if (is_left_alone(child))
@@ -286,7 +300,8 @@ acd_fs_error_t acd_node_scan_dir_ex(const acd_node_t* folder, int recursive, acd
             result = rc;
         }
     }
-    return result;
+    // The last callback may not have done what it was to do.
+    return acd_io_is_stopped() ? ACD_FS_ERR_STOPPED : result;
 }
 
 // In this order: a chunk's checkpoint becomes the current one, its nodes are cached and applied, and only
@@ -305,10 +320,13 @@ acd_fs_error_t acd_node_scan_changes(const char* checkpoint, char** latest_check
     const change_handler_t handler{filter, callback, pairs, on_checkpoint};
     feed_t feed{initial};
     feed_next_t next;
+    std::string before;
     do {
+        before = feed.checkpoint;
         next = request_changes(max_nodes, chunk_size, handler, feed);
-    } while (next == feed_next_t::request && repeat);
-    if (on_final)
+        // A feed that repeats itself must not outlast a stop.
+    } while (next == feed_next_t::request && repeat && !(global.exit_flag && feed.checkpoint == before));
+    if (on_final && feed.rc != ACD_FS_ERR_STOPPED)
         on_final();
     *latest_checkpoint = safe_strdup(feed.checkpoint.c_str());
     LOG_DEBUG("%s: [final] checkpoint %s --> %s, rc = %d\n", __func__, initial.c_str(),

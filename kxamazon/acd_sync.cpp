@@ -3,6 +3,7 @@
 #include "common/utils.h"
 #include "kxamazon/acd_fs.h"
 #include "kxamazon/acd_fs_cache.h"
+#include "kxamazon/acd_fs_io.h"
 #include "kxamazon/acd_sync_downsync.h"
 #include "kxamazon/acd_sync_upsync.h"
 
@@ -43,6 +44,8 @@ int acd_upsync_local_drive(acd_sync_pair_list_t* list)
         result = acd_upsync_local_path(local, cloud);
         if (result != 0)
             LOG_ERROR("%s: Failed to upsync local drive. %s ===> %s\n", __func__, local, cloud);
+        if (acd_io_is_stopped())
+            return result;
         // Failed or not, the pass is not repeated before the next start.
         pair->need_full_upsync = 0;
         acd_cache_cache_sync_pair(acd_cache_db(), pair);

@@ -40,17 +40,19 @@ string_ptr sibling_path(const char* path, const char* name)
     return string_ptr(asprintf_str("%.*s/%s", folder_len, path, name));
 }
 
-void download_node(const acd_node_t* node, const acd_sync_path_t* sync_path)
+acd_fs_error_t download_node(const acd_node_t* node, const acd_sync_path_t* sync_path)
 {
     const char* local_path = sync_path->local_node_path;
     add_log("LOGMSG_AMAZONDRIVE_DOWNLOADING", local_path, nullptr);
-    if (auto rc = acd_fs_download_file(node->id, local_path); rc != ACD_FS_ERR_OK) {
+    auto rc = acd_fs_download_file(node->id, local_path);
+    if (rc != ACD_FS_ERR_OK) {
         handle_acd_fs_error(rc, "op_downsync_add_node", __FILE_NAME__, __LINE__);
         LOG_ERROR("Failed to download file '%s' --> '%s'\n", sync_path->cloud_node_path, local_path);
-        return;
+        return rc;
     }
     report_sync_action(sync_file_action_to_string(SYNC_FILE_ACTION_ADD), "LOGMSG_AMAZONDRIVE_LOCAL_DOWNLOAD",
                        local_path);
+    return rc;
 }
 
 int rename_local(const char* local_drive_path, const char* old_path, const char* new_path)
@@ -100,7 +102,8 @@ int op_downsync_add_node(const acd_node_t* node, acd_sync_path_t* sync_path)
     if (node->kind != NODE_KIND_FILE)
         return 0;
     download_note note(sync_path->local_node_path, node->modified_date);
-    download_node(node, sync_path);
+    if (auto rc = download_node(node, sync_path); rc == ACD_FS_ERR_STOPPED)
+        return rc;
     op_downsync_update_mtime_node(node, sync_path);
     if (!note.finish())
         HANDLE_ACD_FS_ERROR(ACD_FS_IO_ERR_READ_WRITE_ERROR);

@@ -5,6 +5,7 @@
 #include "common/utils.h"
 #include "kxamazon/acd_fs.h"
 #include "kxamazon/acd_fs_cache.h"
+#include "kxamazon/acd_fs_io.h"
 #include "kxamazon/acd_sync_downsync.h"
 #include "kxamazon/acd_sync_echo.h"
 #include "kxamazon/acd_sync_report.h"
@@ -207,6 +208,8 @@ acd_fs_error_t op_downsync_changes(const char* cloud_node_path, const acd_node_t
     get_sync_path(cloud_node_path, global.sync_pairs, out(sync_path));
     if (was_moved) {
         op_downsync_move_node(node, old_cloud_path.get(), cloud_node_path, sync_path.get());
+        if (acd_io_is_stopped()) // the next start finds the note and brings down what is missing
+            return ACD_FS_ERR_STOPPED;
         acd_cache_delete_moved_node(node);
         // The move took the new name along. A note that stayed would, at the next change, rename whatever
         // bears the old name in the new folder.

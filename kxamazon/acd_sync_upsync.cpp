@@ -8,6 +8,7 @@
 #include "common/constants.h"
 #include "common/utils.h"
 #include "kxamazon/acd_fs.h"
+#include "kxamazon/acd_fs_io.h"
 #include "kxamazon/acd_sync_report.h"
 #include "kxamazon/acd_sync_utils.h"
 #include "kxamazon/acd_utils.h"
@@ -123,9 +124,13 @@ int op_upsync(const char* full_path, const struct dirent* entry, void* arg)
 {
     auto* sync_path = static_cast<acd_sync_path_t*>(arg);
     LOG_DEBUG("%s: path = %s, node = %d\n", __func__, full_path, entry->d_type);
+    if (acd_io_is_stopped())
+        return ACD_FS_ERR_STOPPED;
     const int rc = check_entry(full_path, sync_path);
     if (rc == 0)
         upload_entry(full_path, entry->d_type, sync_path);
+    if (acd_io_is_stopped())
+        return ACD_FS_ERR_STOPPED;
     pace();
     return rc;
 }
@@ -204,6 +209,8 @@ int acd_upsync_file(const char* local_path, const char* cloud_path)
     sync_file_action_t action;
     const int rc = get_upsync_file_action(local_path, cloud_path, &action);
     LOG_DEBUG("%s: get upsync file action = %d\n", __func__, action);
+    if (acd_io_is_stopped()) // the action may come from a look-up that was not made
+        return ACD_FS_ERR_STOPPED;
     switch (action) {
     case SYNC_FILE_ACTION_NO_OP:
         return rc;

@@ -223,6 +223,7 @@ void handle_acd_fs_error(int err, const char* function_name, const char* file_na
     case ACD_FS_ERR_RESOURCE_DUPLICATE:
     case ACD_FS_ERR_INVALID_RESPONSE:
     case ACD_FS_ERR_LOCAL_IO:
+    case ACD_FS_ERR_STOPPED: // the program ends already, in order
         return;
     case ACD_FS_ERR_INVALID_ARGUMENTS:
     case ACD_FS_ERR_OK: // only failures come here, so a success is a mistake of the caller

@@ -65,10 +65,10 @@ bool read_note(noted_t& note)
 }
 
 // A write that was under way leaves a time since its beginning. Any other time but the oldest was set by the
-// finished download or by the owner.
+// finished download, as a whole second, or by the owner.
 bool is_leftover(const noted_t& note, const struct stat& st)
 {
-    if (st.st_mtime == note.modified)
+    if (st.st_mtime == note.modified && st.st_mtim.tv_nsec == 0)
         return false;
     return st.st_mtime == oldest_time || (note.state == NOTE_WRITING && st.st_mtime >= note.begun);
 }

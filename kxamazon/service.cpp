@@ -189,13 +189,18 @@ void ensure_default_folder()
         LOG_ERROR("ERROR creating sub volume %s\n", global.amazon_default_folder);
 }
 
-void init_filesystem()
+// False when a stop came first.
+bool init_filesystem()
 {
-    if (acd_fs_init() != ACD_FS_ERR_OK) {
+    const acd_fs_error_t rc = acd_fs_init();
+    if (rc == ACD_FS_ERR_STOPPED)
+        return false;
+    if (rc != ACD_FS_ERR_OK) {
         LOG_ERROR("Failed to initialize ACD filesystem!\n");
         exit(1);
     }
     LOG_INFO("Initialize ACD filesystem successfully.\n");
+    return true;
 }
 
 // The configured pairs and, last, the default pair, with the flags that the cache kept. Every start owes
@@ -265,11 +270,13 @@ int service()
     ensure_default_folder();
     read_last_sync();
     write_status(SYNC_STATE_UP_TO_DATE);
-    init_filesystem();
-    sync_pair_list_ptr list = load_sync_pairs();
-    global.sync_pairs = list.get();
-    global.last_sync = time(nullptr);
-    sync_folder(global.syncmode, 0);
+    sync_pair_list_ptr list;
+    if (init_filesystem()) {
+        list = load_sync_pairs();
+        global.sync_pairs = list.get();
+        global.last_sync = time(nullptr);
+        sync_folder(global.syncmode, 0);
+    }
     shut_down(std::move(list));
     return 0;
 }

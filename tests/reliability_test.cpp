@@ -1,0 +1,353 @@
+// The service when its cloud fails, when it is killed, when the local disk refuses and when too much happens
+// at once.
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "common/constants.h"
+#include "kxamazon/acd_fs_io.h"
+#include "kxamazon/acd_sync_downsync.h"
+#include "kxamazon/global.h"
+#include "support/appliance.h"
+#include "support/sync_test.h"
+
+namespace fs = std::filesystem;
+using namespace kxtest;
+using nlohmann::json;
+using testing::HasSubstr;
+
+namespace
+{
+
+class Reliability : public testing::Test
+{
+protected:
+    bool live(const process& service)
+    {
+        std::string line = "DidAdd: add_watch(" + nas_.drive + ") ";
+        return eventually([&] { return service.err().find(line) != std::string::npos; }, 30);
+    }
+    int stop(process& service)
+    {
+        service.signal(SIGUSR1);
+        return service.wait(30);
+    }
+    // A change in the cloud by another client, newer than what is there by whole seconds.
+    void change(const std::string& path, const std::string& content)
+    {
+        cloud_.set_clock_offset(clock_offset_ += 10);
+        cloud_.put(path, content);
+    }
+    int uploads() const { return cloud_.count("PUT", "content$") + cloud_.count("POST", "^/nodes$"); }
+
+    cloud cloud_;
+    appliance nas_{cloud_};
+    int clock_offset_ = 0;
+};
+
+const std::string whole(300000, 'w');
+
+json on_content(json fault)
+{
+    fault.update({{"method", "GET"}, {"path", "/content$"}});
+    return fault;
+}
+
+} // namespace
+
+// ---- Interrupted downloads ----
+
+struct interruption_t {
+    const char* name;
+    json fault;   // of the download
+    bool is_kill; // else the fault itself ends the process
+};
+
+void PrintTo(const interruption_t& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
+class Interrupted : public Reliability, public testing::WithParamInterface<interruption_t>
+{
+protected:
+    // A start that is cut in the download of /f.txt.
+    void cut_short()
+    {
+        const interruption_t& how = GetParam();
+        cloud_.fail(on_content(how.fault));
+        auto service = nas_.start({"KXTEST_RETRY_SEC=600"});
+        if (how.is_kill) {
+            ASSERT_TRUE(eventually([&] { return service->err().find("acd io ", 0) != std::string::npos; }));
+            service->signal(SIGKILL);
+        }
+        EXPECT_EQ(service->wait(), how.is_kill ? 128 + SIGKILL : 1) << service->err();
+        ASSERT_NE(read_file(file_), whole);
+        cloud_.clear_faults();
+        cloud_.forget_requests();
+    }
+    void start_again(const std::string& content)
+    {
+        auto service = nas_.start();
+        ASSERT_TRUE(live(*service)) << service->err();
+        EXPECT_EQ(read_file(file_), content);
+        EXPECT_EQ(stop(*service), 0);
+        EXPECT_EQ(cloud_.get("/f.txt").body, content);
+    }
+
+    std::string file_ = nas_.drive + "/f.txt";
+};
+
+TEST_P(Interrupted, IsMadeAnewAndNeverSentUp)
+{
+    cloud_.put("/f.txt", whole);
+    cut_short(); // in the full pass
+    start_again(whole);
+    EXPECT_EQ(uploads(), 0);
+
+    cloud_.forget_requests();
+    change("/f.txt", whole + "2");
+    cut_short(); // in the feed
+    start_again(whole + "2");
+    EXPECT_EQ(uploads(), 0);
+}
+
+TEST_P(Interrupted, LeavesWhatTheOwnerWritesThenToTheOwner)
+{
+    cloud_.put("/f.txt", whole);
+    cut_short();
+    write_file(file_, "the owner's", time(nullptr) + 5);
+    start_again("the owner's");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Downloads, Interrupted,
+    testing::Values(interruption_t{"killed_half_way", {{"cut", 100000}, {"reset", true}}, true},
+                    interruption_t{"killed_after_an_error", {{"status", 503}, {"body", "error"}}, true},
+                    interruption_t{"fatal_half_way", {{"cut", 100000}}, false},
+                    interruption_t{"refused", {{"status", 403}, {"body", "error"}}, false}),
+    [](const auto& row) { return row.param.name; });
+
+TEST_F(Reliability, ADownloadThatFailedWhileLiveIsNotSentUp)
+{
+    cloud_.put("/f.txt", "old");
+    auto service = nas_.start();
+    ASSERT_TRUE(live(*service)) << service->err();
+    cloud_.forget_requests();
+    cloud_.fail(on_content({{"status", 404}, {"body", "error"}}));
+    change("/f.txt", "new");
+    ASSERT_TRUE(
+        eventually([&] { return service->err().find("ADD FILE: " + nas_.drive) != std::string::npos; }));
+    EXPECT_EQ(stop(*service), 0);
+    EXPECT_EQ(cloud_.get("/f.txt").body, "new");
+    EXPECT_EQ(uploads(), 0);
+}
+
+// ---- A cloud that fails ----
+
+struct outage_t {
+    const char* name;
+    json requests; // that fail until the outage is over
+};
+
+void PrintTo(const outage_t& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
+class Outage : public Reliability, public testing::WithParamInterface<outage_t>
+{
+};
+
+TEST_P(Outage, AStopEndsItInOrderAndTheNextStartGoesOn)
+{
+    cloud_.put("/folder/down.txt", "down");
+    write_file(nas_.drive + "/up.txt", "up");
+    json fault = GetParam().requests;
+    fault.update({{"status", 500}, {"times", -1}});
+    cloud_.fail(fault);
+    auto service = nas_.start({"KXTEST_RETRY_SEC=1"});
+    ASSERT_TRUE(eventually(
+        [&] { return service->err().find("acd io status = 500, retry = 1\n") != std::string::npos; }));
+    service->signal(SIGUSR1);
+    EXPECT_EQ(service->wait(2.5), 0) << "within one interval";
+    EXPECT_EQ(service->err().find("Unhandled"), std::string::npos) << service->err();
+    EXPECT_EQ(nas_.status(), "SYNC_STATE_UP_TO_DATE");
+    EXPECT_THAT(nas_.events(), testing::EndsWith("SERVICE_STOP\n"));
+
+    cloud_.clear_faults();
+    service = nas_.start();
+    ASSERT_TRUE(live(*service)) << service->err();
+    EXPECT_EQ(stop(*service), 0);
+    EXPECT_EQ(read_file(nas_.drive + "/folder/down.txt"), "down");
+    EXPECT_EQ(cloud_.get("/up.txt").body, "up");
+}
+
+INSTANTIATE_TEST_SUITE_P(Cloud, Outage,
+                         testing::Values(outage_t{"of_the_quota", {{"path", "quota$"}}},
+                                         outage_t{"of_the_checkpoint", {{"path", "changes$"}}},
+                                         outage_t{"of_listings", {{"path", "children$"}}},
+                                         outage_t{"of_downloads", {{"method", "GET"}, {"path", "content$"}}},
+                                         outage_t{"of_the_feed", {{"path", "changes$"}, {"skip", 2}}},
+                                         outage_t{"of_uploads", {{"method", "POST"}, {"path", "^/nodes$"}}}),
+                         [](const auto& row) { return row.param.name; });
+
+// A folder that comes from outside every pair is brought down whole, once. A stop half way must not count as
+// that once.
+TEST_F(Reliability, AStopInTheFeedLeavesTheChunkToTheNextStart)
+{
+    auto service = nas_.start();
+    ASSERT_TRUE(live(*service)) << service->err();
+    EXPECT_EQ(stop(*service), 0);
+    cloud_.put("/Korvane_other/folder/a.txt", "a");
+    cloud_.put("/Korvane_other/folder/b.txt", "b");
+    service = nas_.start();
+    ASSERT_TRUE(live(*service)) << service->err();
+    EXPECT_EQ(stop(*service), 0);
+
+    cloud_.move("/Korvane_other/folder", "/");
+    cloud_.fail(on_content({{"status", 500}, {"times", -1}, {"skip", 1}}));
+    service = nas_.start({"KXTEST_RETRY_SEC=1"});
+    ASSERT_TRUE(eventually([&] { return service->err().find("acd io status = 500") != std::string::npos; }));
+    EXPECT_EQ(stop(*service), 0);
+    EXPECT_EQ(read_file(nas_.drive + "/folder/b.txt"), "");
+
+    cloud_.clear_faults();
+    service = nas_.start();
+    ASSERT_TRUE(live(*service)) << service->err();
+    EXPECT_EQ(stop(*service), 0);
+    EXPECT_EQ(read_file(nas_.drive + "/folder/a.txt"), "a");
+    EXPECT_EQ(read_file(nas_.drive + "/folder/b.txt"), "b");
+}
+
+TEST_F(Reliability, HoursOfFailuresCostOneLineAnAttemptAndNothingElse)
+{
+    cloud_.connect();
+    auto open_files = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+    auto ask = [&](const json& fault, int times) {
+        json repeated = fault;
+        repeated["times"] = times;
+        cloud_.fail(repeated);
+        return log_of(
+            [] {
+                reply_t reply;
+                EXPECT_EQ(acd_io_get_account_quota(&reply), ACD_FS_ERR_OK);
+            },
+            2);
+    };
+    const std::pair<json, int> faults[] = {
+        {{{"status", 500}, {"body", {{"message", "m"}}}}, 2 * 2000}, // the status and its message
+        {{{"drop", true}, {"reset", true}}, 2000 - 1},               // libcurl repeats the first by itself
+    };
+    for (const auto& [fault, lines] : faults) {
+        ask(fault, 20);
+        const size_t memory = mallinfo2().uordblks;
+        const auto files = open_files();
+        EXPECT_EQ(std::ranges::count(ask(fault, 2000), '\n'), lines);
+        EXPECT_LE(mallinfo2().uordblks, memory + 4096);
+        EXPECT_EQ(open_files(), files);
+    }
+}
+
+// ---- A local disk that refuses ----
+
+class refusing_disk : public sync_test
+{
+};
+
+TEST_F(refusing_disk, costs_one_node_and_the_pass_goes_on)
+{
+    for (const char* path : {"/a is a folder/f", "/b", "/c/f", "/d", "/e"})
+        cloud_.put(path, "content");
+    cloud_.mkdir("/b2");
+    const std::string drive = base_ + "/D";
+    write_file(drive + "/a is a folder", "a file", 1000);
+    fs::create_directories(drive + "/b/inside");
+    fs::last_write_time(drive + "/b", fs::file_time_type::min() + std::chrono::hours(24 * 365 * 250));
+    write_file(drive + "/b2", "a file", 1000);
+    fs::create_directory(drive + "/c");
+    ASSERT_EQ(mkfifo((drive + "/d").c_str(), 0600), 0);
+    const timespec old[] = {{1000, 0}, {1000, 0}};
+    for (const char* path : {"/b", "/d"})
+        ASSERT_EQ(utimensat(AT_FDCWD, (drive + path).c_str(), old, 0), 0);
+    const std::string text =
+        log([&] { EXPECT_EQ(acd_downsync_cloud_drive_path("/", "/", drive.c_str()), 0); }, 0);
+    for (const char* path : {"D/a is a folder/f", "D/b", "D/d"})
+        EXPECT_THAT(text, HasSubstr("error: Cannot open " + std::string(path) + ".\n"));
+    EXPECT_EQ(read_file(drive + "/a is a folder"), "a file");
+    EXPECT_EQ(read_file(drive + "/c/f"), "content");
+    EXPECT_EQ(read_file(drive + "/e"), "content");
+}
+
+// ---- More events than the queue holds ----
+
+TEST_F(Reliability, WhatAnOverflowLosesGoesUpAtTheNextStart)
+{
+    auto service = nas_.start();
+    ASSERT_TRUE(live(*service)) << service->err();
+    int limit = 0;
+    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> limit;
+    if (limit > 100000)
+        GTEST_SKIP() << "the queue takes too long to fill";
+    service->signal(SIGSTOP);
+    for (int i = 0; i <= limit; i++)
+        fs::create_symlink("nowhere", nas_.drive + "/" + std::to_string(i));
+    write_file(nas_.drive + "/lost/f.txt", "lost");
+    service->signal(SIGCONT);
+    ASSERT_TRUE(eventually(
+        [&] { return service->err().find("inotify event Q overflow.\n") != std::string::npos; }, 60));
+    EXPECT_EQ(stop(*service), 0);
+    EXPECT_FALSE(cloud_.has("/lost"));
+
+    service = nas_.start();
+    ASSERT_TRUE(live(*service)) << service->err();
+    EXPECT_EQ(stop(*service), 0);
+    EXPECT_EQ(cloud_.get("/lost/f.txt").body, "lost");
+}
+
+// ---- Secrets ----
+
+TEST_F(Reliability, NoTokenOrSecretIsInTheLogOrTheEventLog)
+{
+    std::string settings = read_file(nas_.root + "/etc/default/services");
+    nas_.settings(
+        settings.substr(0, settings.find('\n')) +
+        "\nAMAZONDRIVE_ACCESS_TOKEN=first-access-token\nAMAZONDRIVE_REFRESH_TOKEN=first-refresh-token\n");
+    cloud_.put("/down.txt", "down");
+    write_file(nas_.drive + "/up.txt", "up");
+    for (const char* path :
+         {"account/endpoint$", "o2/token$", "quota$", "changes$", "children$", "content$", "nodes$"})
+        cloud_.fail({{"path", path}, {"status", 401}, {"body", {{"message", "no"}}}});
+    cloud_.fail({{"method", "POST"}, {"path", "^/nodes$"}, {"status", 409}, {"skip", 1}});
+    process service({program("kxamazon"), "-d", "-v", "2"},
+                    {"KXTEST_SYSROOT=" + nas_.root, "KXTEST_CLOUD_URL=" + cloud_.url()});
+    EXPECT_TRUE(eventually([&] { return service.err().find("Start live syncing.") != std::string::npos; }))
+        << service.err();
+    EXPECT_EQ(stop(service), 0);
+
+    const std::string written =
+        service.err() + service.out() + read_file(nas_.root + "/var/log/brisal/amazoncd.log");
+    std::set<std::string> secrets = {"first-access-token", "first-refresh-token", "client_secret"};
+    for (const json& request : cloud_.requests()) {
+        std::string bearer = request["headers"].value("Authorization", "Bearer none");
+        secrets.insert(bearer.substr(strlen("Bearer ")));
+        std::istringstream body(request["path"].get<std::string>().ends_with("o2/token")
+                                    ? request["body"].get<std::string>()
+                                    : "");
+        for (std::string field; std::getline(body, field, '&');)
+            if (std::string value = field.substr(field.find('=') + 1);
+                value.size() > 3 && value != "refresh_token")
+                secrets.insert(value);
+    }
+    secrets.erase("none");
+    EXPECT_GT(secrets.size(), 5u) << "the renewed ones too";
+    for (const std::string& secret : secrets)
+        EXPECT_EQ(written.find(secret), std::string::npos) << secret;
+}
