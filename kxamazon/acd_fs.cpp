@@ -403,9 +403,9 @@ acd_fs_error_t acd_fs_download_file(const char* id, const char* local_path)
         return ACD_FS_ERR_LOCAL_IO;
     }
     auto rc = acd_io_download_file(id, file.get());
-    // A full volume may show only now.
+    // Some file systems report only now that a write failed.
     bool closed = fclose(file.release()) == 0;
-    return rc == ACD_FS_ERR_OK && !closed ? ACD_FS_ERR_LOCAL_IO : rc;
+    return rc == ACD_FS_ERR_OK && !closed ? ACD_FS_IO_ERR_READ_WRITE_ERROR : rc;
 }
 
 acd_fs_error_t acd_fs_get_node(const char* path, acd_node_t** node)
