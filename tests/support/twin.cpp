@@ -644,6 +644,7 @@ void twin_world::await_live()
 
 // ---- Agreement ----
 
+// Throws when the tree changes under the reading.
 tree_t twin_world::local_tree_now() const
 {
     tree_t tree;
@@ -681,7 +682,7 @@ tree_t twin_world::cloud_tree_now() const
     return tree;
 }
 
-std::string twin_world::difference()
+std::string twin_world::difference(bool adopt)
 {
     std::string text;
     const auto compare = [&text](const char* side, const tree_t& model, const tree_t& real) {
@@ -695,7 +696,12 @@ std::string twin_world::difference()
             if (!model.contains(path))
                 text += std::string(side) + " has " + path + " (" + shown(entry) + ") too many\n";
     };
-    tree_t real = local_tree_now();
+    tree_t real;
+    try {
+        real = local_tree_now();
+    } catch (const fs::filesystem_error& error) {
+        return error.what();
+    }
     tree_t model = local_;
     tree_t left;
     for (const auto& [path, entry] : half_gone_)
@@ -714,10 +720,10 @@ std::string twin_world::difference()
             interrupted_ && found != real.end() && !remote_.contains(path) && found->second == entry)
             model[path] = entry;
     compare("cloud", model, real);
-    if (!text.empty())
-        return text;
-    local_ = local_model;
-    remote_ = model;
+    if (text.empty() && adopt) {
+        local_ = local_model;
+        remote_ = model;
+    }
     return text;
 }
 
@@ -742,7 +748,7 @@ void twin_world::await_agreement()
     const bool agreed = eventually(
         [&] {
             check_alive();
-            if ((left = difference()).empty())
+            if ((left = difference(false)).empty())
                 return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
             return false;
@@ -750,7 +756,7 @@ void twin_world::await_agreement()
         patience_sec_);
     if (agreed) {
         quiesce();
-        left = difference();
+        left = difference(true);
     }
     if (!left.empty())
         throw twin_failure(left);

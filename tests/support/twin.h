@@ -134,11 +134,11 @@ private:
     void tell(const std::string& line);
     void set_faults(nlohmann::json faults);
 
-    // Comparison: an empty text when all is as the model says
+    // Comparison: an empty text when all is as the model says; the model then adopts what it left open.
     tree_t local_tree_now() const;
     tree_t cloud_tree_now() const;
     void read_cloud(const std::string& from, const std::string& path, tree_t& tree) const;
-    std::string difference();
+    std::string difference(bool adopt);
 
     cloud cloud_;
     appliance nas_{cloud_};
