@@ -43,11 +43,12 @@ void appliance::settings(const std::string& text) const
     write_file(root + "/etc/default/services", text);
 }
 
-std::unique_ptr<process> appliance::start(std::vector<std::string> env) const
+std::unique_ptr<process> appliance::start(std::vector<std::string> env, const std::string& verbosity) const
 {
     env.push_back("KXTEST_SYSROOT=" + root);
     env.push_back("KXTEST_CLOUD_URL=" + cloud_url);
-    return std::make_unique<process>(std::vector<std::string>{program("kxamazon"), "-d", "-v", "3"}, env);
+    return std::make_unique<process>(std::vector<std::string>{program("kxamazon"), "-d", "-v", verbosity},
+                                     env);
 }
 
 std::string appliance::status(const std::string& element) const

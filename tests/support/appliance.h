@@ -23,7 +23,8 @@ struct appliance {
     std::string events() const;                                         // the event log with short places
 
     // The service, with these settings of its environment.
-    std::unique_ptr<process> start(std::vector<std::string> env = {}) const;
+    std::unique_ptr<process> start(std::vector<std::string> env = {},
+                                   const std::string& verbosity = "3") const;
 
     std::string cloud_url;
     std::string root = new_folder("appliance");
