@@ -1,4 +1,5 @@
 // What downsync does with a node that has come to a new local path, or should have.
+#include <cstring>
 #include <sys/stat.h>
 
 #include "common/utils.h"
@@ -7,6 +8,7 @@
 #include "kxamazon/acd_sync_downsync.h"
 #include "kxamazon/acd_sync_utils.h"
 #include "kxamazon/acd_utils.h"
+#include "kxamazon/global.h"
 #include "kxamazon/linux_fs.h"
 
 namespace
@@ -46,6 +48,23 @@ int settle_other_content(const acd_node_t* node, acd_sync_path_t* sync_path)
     return 0;
 }
 
+acd_sync_pair_entry_t* pair_of(const acd_sync_path_t* sync_path)
+{
+    acd_sync_pair_entry_t* pair;
+    TAILQ_FOREACH (pair, global.sync_pairs, entries) {
+        if (std::strcmp(pair->local_drive_path, sync_path->local_drive_path) == 0 &&
+            std::strcmp(pair->cloud_drive_path, sync_path->cloud_drive_path) == 0)
+            return pair;
+    }
+    return nullptr;
+}
+
+void set_owed(acd_sync_pair_entry_t* pair, int need_full_downsync)
+{
+    pair->need_full_downsync = need_full_downsync;
+    acd_cache_cache_sync_pair(acd_cache_db(), pair);
+}
+
 } // namespace
 
 acd_fs_error_t op_downsync_arrived_node(const char* cloud_node_path, const acd_node_t* node,
@@ -57,13 +76,23 @@ acd_fs_error_t op_downsync_arrived_node(const char* cloud_node_path, const acd_n
     return op_full_download(cloud_node_path, node, sync_path);
 }
 
+// Cut half way, by a stop or a crash, it would not come again: the folder is there then, and looks like one
+// that has all it should. So the pair owes a full download until it is done.
 void op_downsync_bring_down_folder(const acd_sync_path_t* sync_path)
 {
+    acd_sync_pair_entry_t* pair = pair_of(sync_path);
+    if (pair && pair->need_full_downsync)
+        pair = nullptr; // owed already, and not for this
+    if (pair)
+        set_owed(pair, 1);
     sync_path_ptr drives(acd_create_sync_path(sync_path->cloud_drive_path, sync_path->local_drive_path));
     auto rc = acd_fs_scan_dir_ex(sync_path->cloud_node_path, 1, op_default_filter, op_downsync_arrived_node,
                                  drives.get());
-    if (rc == ACD_FS_ERR_OK)
+    if (rc == ACD_FS_ERR_OK) {
+        if (pair)
+            set_owed(pair, 0);
         return;
+    }
     HANDLE_ACD_FS_ERROR(rc);
     LOG_ERROR("%s: Failed to scan cloud folder path %s. fs_err = %d\n", __func__, sync_path->cloud_node_path,
               rc);

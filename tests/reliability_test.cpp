@@ -199,32 +199,39 @@ INSTANTIATE_TEST_SUITE_P(Cloud, Outage,
                                          outage_t{"of_uploads", {{"method", "POST"}, {"path", "^/nodes$"}}}),
                          [](const auto& row) { return row.param.name; });
 
-// A folder that comes from outside every pair is brought down whole, once. A stop half way must not count as
-// that once.
-TEST_F(Reliability, AStopInTheFeedLeavesTheChunkToTheNextStart)
+// A folder that comes from outside every pair is brought down whole, once, whether the feed ever told of what
+// is in it or not. A stop or a crash half way must not count as that once.
+TEST_F(Reliability, AFolderThatCameDownHalfIsGoneOnWithByTheNextStart)
 {
-    auto service = nas_.start();
-    ASSERT_TRUE(live(*service)) << service->err();
-    EXPECT_EQ(stop(*service), 0);
-    cloud_.put("/Korvane_other/folder/a.txt", "a");
-    cloud_.put("/Korvane_other/folder/b.txt", "b");
-    service = nas_.start();
-    ASSERT_TRUE(live(*service)) << service->err();
-    EXPECT_EQ(stop(*service), 0);
-
-    cloud_.move("/Korvane_other/folder", "/");
-    cloud_.fail(on_content({{"status", 500}, {"times", -1}, {"skip", 1}}));
-    service = nas_.start({"KXTEST_RETRY_SEC=1"});
-    ASSERT_TRUE(eventually([&] { return service->err().find("acd io status = 500") != std::string::npos; }));
-    EXPECT_EQ(stop(*service), 0);
-    EXPECT_EQ(read_file(nas_.drive + "/folder/b.txt"), "");
-
-    cloud_.clear_faults();
-    service = nas_.start();
-    ASSERT_TRUE(live(*service)) << service->err();
-    EXPECT_EQ(stop(*service), 0);
-    EXPECT_EQ(read_file(nas_.drive + "/folder/a.txt"), "a");
-    EXPECT_EQ(read_file(nas_.drive + "/folder/b.txt"), "b");
+    auto run = [this](std::vector<std::string> env, int signal, const char* line) {
+        auto service = nas_.start(std::move(env));
+        ASSERT_TRUE(eventually([&] { return service->err().find(line) != std::string::npos; }))
+            << service->err();
+        service->signal(signal);
+        EXPECT_EQ(service->wait(), signal == SIGKILL ? 128 + SIGKILL : 0);
+    };
+    const std::string is_live = "DidAdd: add_watch(" + nas_.drive + ") ";
+    auto fill = [this](const std::string& folder) {
+        for (const char* file : {"/a.txt", "/b.txt", "/sub/c.txt"})
+            cloud_.put("/Korvane_other/" + folder + file, file);
+    };
+    fill("unknown");
+    fill("unknown, killed");
+    run({}, SIGUSR1, is_live.c_str());
+    fill("known");
+    run({}, SIGUSR1, is_live.c_str());
+    for (const auto& [name, signal] :
+         {std::pair{"known", SIGUSR1}, {"unknown", SIGUSR1}, {"unknown, killed", SIGKILL}}) {
+        SCOPED_TRACE(name);
+        cloud_.move(std::string("/Korvane_other/") + name, "/");
+        cloud_.fail(on_content({{"status", 500}, {"times", -1}, {"skip", 1}}));
+        run({"KXTEST_RETRY_SEC=1"}, signal, "acd io status = 500");
+        EXPECT_EQ(read_file(nas_.drive + "/" + name + "/sub/c.txt"), "");
+        cloud_.clear_faults();
+        run({}, SIGUSR1, is_live.c_str());
+        for (const char* file : {"/a.txt", "/b.txt", "/sub/c.txt"})
+            EXPECT_EQ(read_file(nas_.drive + "/" + name + file), file);
+    }
 }
 
 TEST_F(Reliability, HoursOfFailuresCostOneLineAnAttemptAndNothingElse)
