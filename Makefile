@@ -1,5 +1,5 @@
 # The usual names of the scripts.
-.PHONY: demo check deb html
+.PHONY: demo check deb html bench
 demo:
 	scripts/demo
 check:
@@ -8,3 +8,5 @@ deb:
 	scripts/package
 html:
 	scripts/manual html
+bench:
+	scripts/bench
