@@ -54,7 +54,10 @@ lines_t rest(const options_t& options);
 // Throws when the work was not done.
 void expect(bool done, const std::string& text);
 
-double now(); // seconds of the steady clock
+// Times are those of this process on the processor instead of the clock's: for a look on a busy machine.
+extern bool cpu_times;
+
+double now(); // seconds
 
 // Seconds that it takes.
 double timed(const std::function<void()>& work);

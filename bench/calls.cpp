@@ -30,7 +30,7 @@ public:
     {
         for (const Run& run : runs)
             if (!run.error_occurred)
-                times.push_back(run.GetAdjustedRealTime() * 1e-9);
+                times.push_back((cpu_times ? run.GetAdjustedCPUTime() : run.GetAdjustedRealTime()) * 1e-9);
     }
     std::vector<double> times;
 };

@@ -1,4 +1,4 @@
-// kxbench [--quick] [--idle-minutes N] [--commit TEXT] [--results FILE] [ROW...]
+// kxbench [--quick] [--cpu] [--idle-minutes N] [--commit TEXT] [--results FILE] [ROW...]
 //
 // Measures the rows, prints them as one table, and writes the table to FILE. Status 1 when a row's work was
 // not done.
@@ -53,6 +53,8 @@ command_line_t parse(int argc, char** argv)
         }
         if (word == "--quick")
             line.options.quick = true;
+        else if (word == "--cpu")
+            cpu_times = true;
         else if (word == "--commit")
             line.commit = argv[i];
         else if (word == "--results")
