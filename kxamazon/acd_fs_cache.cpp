@@ -64,7 +64,7 @@ constexpr char tuning_sql[] = "PRAGMA page_size=2048;"
                               "PRAGMA synchronous=NORMAL;"
                               "PRAGMA wal_autocheckpoint=16000;"
                               "PRAGMA secure_delete=OFF;"
-                              "PRAGMA cache_size=-6144;";
+                              "PRAGMA cache_size=-5120;";
 
 constexpr char index_sql[] =
     // A child is looked up by its name: a folder may hold far more nodes than ever bear one name.
@@ -192,6 +192,7 @@ acd_cache_error_t acd_cache_deinit()
         return ACD_CACHE_ERR_DB_ERROR;
     }
     s_db = nullptr;
+    acd_cache_forget_found();
     return ACD_CACHE_ERR_OK;
 }
 

@@ -30,6 +30,9 @@ acd_cache_error_t acd_cache_reset();
 // The open handle; null when the cache is not open.
 sqlite3* acd_cache_db();
 
+// Lets look-ups read the database again, which they do by themselves after each write through the handle.
+void acd_cache_forget_found();
+
 // Writes a node. A changed name leaves a rename note, a changed parent a move note with the path before the
 // change. Assets are refused with -1, and so is a node whose name no local file can have: what was known of
 // it is dropped, so that no path leads through it.

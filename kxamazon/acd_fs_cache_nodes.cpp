@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <unordered_map>
 
 #include "common/utils.h"
 #include "kxamazon/sqlite_utils.h"
@@ -16,6 +17,39 @@ constexpr size_t path_size = 4096; // the closing NUL included
 constexpr int max_path_steps = 500000;
 
 constexpr int node_columns = 9;
+
+// The folders found last, for as long as nothing is written through the handle. A walk asks for the same few
+// folders at each entry; compiling the statement anew would cost more than all the rest of the entry.
+class found_folders
+{
+public:
+    // A copy; null when it must be read.
+    acd_node_t* get(const std::string& key)
+    {
+        if (int changes = sqlite3_total_changes(acd_cache_db()); changes != changes_) {
+            forget();
+            changes_ = changes;
+        }
+        auto place = nodes_.find(key);
+        return place == nodes_.end() ? nullptr : acd_node_dup(place->second.get());
+    }
+    void put(const std::string& key, const acd_node_t* node)
+    {
+        if (node->kind != NODE_KIND_FOLDER)
+            return;
+        if (nodes_.size() >= most_nodes)
+            forget();
+        nodes_[key].reset(acd_node_dup(node));
+    }
+    void forget() { nodes_.clear(); }
+
+private:
+    static constexpr size_t most_nodes = 64;
+    std::unordered_map<std::string, node_ptr> nodes_; // by parent's id, "/" and name
+    int changes_ = 0;
+};
+
+found_folders s_found;
 
 // Stops a statement that takes too many steps while it lives.
 class step_limit
@@ -189,7 +223,48 @@ acd_cache_error_t parse_only_row(char** table, int nrow, int ncol, acd_node_t** 
     return *node ? ACD_CACHE_ERR_OK : ACD_CACHE_ERR_INTERNAL_ERROR;
 }
 
+acd_cache_error_t read_root(acd_node_t** node)
+{
+    sql_table_ptr table;
+    int nrow = 0, ncol = 0;
+    int rc = sql_get_table_mprintf(
+        acd_cache_db(), SQL_HERE, out(table), &nrow, &ncol,
+        "SELECT id, name, kind, md5, status, created, modified, size, parent_id FROM node, "
+        "parents WHERE node.id = parents.node_id AND node.name=%Q",
+        "/");
+    return rc == SQLITE_OK ? parse_only_row(table.get(), nrow, ncol, node) : ACD_CACHE_ERR_DB_ERROR;
+}
+
+acd_cache_error_t read_child(const char* parent_id, const char* name, acd_node_t** node)
+{
+    sql_table_ptr table;
+    int nrow = 0, ncol = 0;
+    int rc = sql_get_table_mprintf(
+        acd_cache_db(), SQL_HERE, out(table), &nrow, &ncol,
+        "SELECT id, name, kind, md5, status, created, modified, size, parent_id FROM node, parents WHERE "
+        "node.id = parents.node_id AND parents.parent_id=%Q AND node.name=%Q AND node.status = \"AVAILABLE\"",
+        parent_id, name);
+    return rc == SQLITE_OK ? parse_only_row(table.get(), nrow, ncol, node) : ACD_CACHE_ERR_DB_ERROR;
+}
+
+// What read finds, kept for the next time.
+template <class Read>
+acd_cache_error_t find_or_read(const std::string& key, acd_node_t** node, Read read)
+{
+    if ((*node = s_found.get(key)))
+        return ACD_CACHE_ERR_OK;
+    acd_cache_error_t rc = read(node);
+    if (rc == ACD_CACHE_ERR_OK)
+        s_found.put(key, *node);
+    return rc;
+}
+
 } // namespace
+
+void acd_cache_forget_found()
+{
+    s_found.forget();
+}
 
 acd_cache_error_t acd_cache_node(const acd_node_t* node)
 {
@@ -216,14 +291,7 @@ acd_cache_error_t acd_cache_get_root_node(acd_node_t** node)
         *node = nullptr;
     if (!acd_cache_db() || !node)
         return ACD_CACHE_ERR_INVALID_ARGUMENTS;
-    sql_table_ptr table;
-    int nrow = 0, ncol = 0;
-    int rc = sql_get_table_mprintf(
-        acd_cache_db(), SQL_HERE, out(table), &nrow, &ncol,
-        "SELECT id, name, kind, md5, status, created, modified, size, parent_id FROM node, "
-        "parents WHERE node.id = parents.node_id AND node.name=%Q",
-        "/");
-    return rc == SQLITE_OK ? parse_only_row(table.get(), nrow, ncol, node) : ACD_CACHE_ERR_DB_ERROR;
+    return find_or_read("/", node, read_root);
 }
 
 acd_cache_error_t acd_cache_get_child_node(const acd_node_t* parent, const char* name, acd_node_t** node)
@@ -232,16 +300,9 @@ acd_cache_error_t acd_cache_get_child_node(const acd_node_t* parent, const char*
         *node = nullptr;
     if (!acd_cache_db() || !parent || !name || !node)
         return ACD_CACHE_ERR_INVALID_ARGUMENTS;
-    sql_table_ptr table;
-    int nrow = 0, ncol = 0;
-    int rc = sql_get_table_mprintf(
-        acd_cache_db(), SQL_HERE, out(table), &nrow, &ncol,
-        "SELECT id, name, kind, md5, status, created, modified, size, parent_id FROM node, parents WHERE "
-        "node.id = parents.node_id AND parents.parent_id=%Q AND node.name=%Q AND node.status = \"AVAILABLE\"",
-        parent->id, name);
-    if (rc != SQLITE_OK)
-        return ACD_CACHE_ERR_DB_ERROR;
-    acd_cache_error_t result = parse_only_row(table.get(), nrow, ncol, node);
+    acd_cache_error_t result =
+        find_or_read(std::string(parent->id) + "/" + name, node,
+                     [&](acd_node_t** child) { return read_child(parent->id, name, child); });
     if (result == ACD_CACHE_ERR_OK) {
         LOG_DEBUG("%s: Get a child node from cache! parent_node = %s\n", __func__,
                   acd_node_to_short_string(parent));
