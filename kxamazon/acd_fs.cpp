@@ -181,6 +181,27 @@ acd_fs_error_t rename_to(acd_node_t* node, const char* new_name, node_ptr& renam
     return ACD_FS_ERR_OK;
 }
 
+// Nothing is done when the folder stays the same.
+acd_fs_error_t move_to_folder_of(acd_node_t* node, const char* old_path, const char* new_path,
+                                 node_ptr& changed)
+{
+    const std::string folder = folder_of_path(new_path);
+    if (folder == folder_of_path(old_path))
+        return ACD_FS_ERR_OK;
+    LOG_DEBUG("%s: Move %s ---> %s\n", move_impl, old_path, new_path);
+    return move_to_folder(node, folder.c_str(), changed);
+}
+
+// Nothing is done when the name stays the same.
+acd_fs_error_t rename_as(acd_node_t* node, const char* old_path, const char* new_path, node_ptr& changed)
+{
+    const std::string name = name_of_path(new_path);
+    if (name == name_of_path(old_path))
+        return ACD_FS_ERR_OK;
+    LOG_DEBUG("%s: Rename %s ---> %s\n", move_impl, old_path, new_path);
+    return rename_to(node, name.c_str(), changed);
+}
+
 // The move goes first: the service knows moves and renames only as two requests.
 acd_fs_error_t __acd_fs_move_impl(const char* old_path, const char* new_path, acd_node_t** result)
 {
@@ -198,16 +219,17 @@ acd_fs_error_t __acd_fs_move_impl(const char* old_path, const char* new_path, ac
         return rc;
 
     node_ptr changed;
-    if (std::string folder = folder_of_path(new_path); folder != folder_of_path(old_path)) {
-        LOG_DEBUG("%s: Move %s ---> %s\n", __func__, old_path, new_path);
-        if (auto rc = move_to_folder(node.get(), folder.c_str(), changed); rc != ACD_FS_ERR_OK)
-            return rc;
+    auto rc = move_to_folder_of(node.get(), old_path, new_path, changed);
+    if (rc == ACD_FS_ERR_RESOURCE_DUPLICATE && name_of_path(new_path) != name_of_path(old_path)) {
+        // The new folder holds the old name, which the node is about to lose anyway.
+        if (auto renamed = rename_as(node.get(), old_path, new_path, changed); renamed != ACD_FS_ERR_OK)
+            return renamed;
+        rc = move_to_folder_of(node.get(), old_path, new_path, changed);
+    } else if (rc == ACD_FS_ERR_OK) {
+        rc = rename_as(node.get(), old_path, new_path, changed);
     }
-    if (std::string name = name_of_path(new_path); name != name_of_path(old_path)) {
-        LOG_DEBUG("%s: Rename %s ---> %s\n", __func__, old_path, new_path);
-        if (auto rc = rename_to(node.get(), name.c_str(), changed); rc != ACD_FS_ERR_OK)
-            return rc;
-    }
+    if (rc != ACD_FS_ERR_OK)
+        return rc;
     *result = changed.release();
     return ACD_FS_ERR_OK;
 }

@@ -248,7 +248,9 @@ int watch_notify_move(const char* old_local_path, const char* new_local_path, wa
         return 0;
     }
     const auto move = type == WATCH_TYPE_V2_MOVE_DIR ? move_folder : move_file;
-    if (move(cloud_old.get(), cloud_new.get(), new_local_path) == ACD_FS_ERR_RESOURCE_NOT_FOUND)
+    const acd_fs_error_t rc = move(cloud_old.get(), cloud_new.get(), new_local_path);
+    // Nothing to move there, or a name in its way: what lies at the new place goes up as new.
+    if (rc == ACD_FS_ERR_RESOURCE_NOT_FOUND || rc == ACD_FS_ERR_RESOURCE_DUPLICATE)
         add_moved(new_local_path, type);
     return 0;
 }

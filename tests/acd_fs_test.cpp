@@ -104,9 +104,11 @@ TEST_F(acd_fs, MovesAndRenamesWithTheFewestRequests)
         const char *old_path, *new_path;
         int moves, renames, trashed;
     } rows[] = {
-        {"/a/f", "/b/f", 1, 0, 0}, {"/a/f", "/a/g", 0, 1, 0}, {"/a/f", "/b/g", 1, 1, 0},
-        {"/a/f", "/a/F", 0, 1, 0}, {"/a/f", "/a/f", 0, 0, 0}, {"/a/f", "/a/h", 0, 1, 1},
+        {"/a/f", "/b/f", 1, 0, 0}, {"/a/f", "/a/g", 0, 1, 0},
+        {"/a/f", "/b/g", 1, 1, 0}, {"/a/f", "/a/F", 0, 1, 0},
+        {"/a/f", "/a/f", 0, 0, 0}, {"/a/f", "/a/h", 0, 1, 1},
         {"/a/f", "/b/h", 1, 1, 1}, {"/a/d", "/d2", 1, 1, 0},
+        {"/a/h", "/b/g", 2, 1, 0}, // the old name is taken there
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.new_path);

@@ -31,6 +31,11 @@ acd_fs_error_t look_at(const char* path, const acd_node_t* node, acd_sync_pair_l
 
 } // namespace
 
+bool acd_io_is_stopped()
+{
+    return false;
+}
+
 acd_fs_error_t __acd_io_read_buffer(const char*, const char*, acd_io_rcvbuf_t* rcvbuf)
 {
     return not_found(rcvbuf);
