@@ -53,6 +53,10 @@ int acd_cache_is_cloud_node_moved(const acd_node_t* node, char** old_path);
 // 1 when the change that left the node's note is known to have left its content as it was.
 int acd_cache_has_content_before_change(const acd_node_t* node);
 
+// Notes that a node comes from no known path, so that after a crash its folder is still known to be new.
+// Dropped like any move note.
+void acd_cache_note_arrival(const acd_node_t* node);
+
 // Drop a note: 0, or -1 on failure.
 int acd_cache_delete_renamed_node(const acd_node_t* node, sqlite3* db = acd_cache_db());
 int acd_cache_delete_moved_node(const acd_node_t* node);

@@ -93,6 +93,13 @@ int acd_cache_has_content_before_change(const acd_node_t* node)
     return md5 && *md5 && node->md5 && std::strcmp(md5.get(), node->md5) == 0;
 }
 
+void acd_cache_note_arrival(const acd_node_t* node)
+{
+    if (acd_cache_db() && node)
+        sql_exec_mprintf(acd_cache_db(), SQL_HERE,
+                         "INSERT OR REPLACE INTO `moved_node` (id, old_path) VALUES (%Q,%Q)", node->id, "");
+}
+
 int acd_cache_delete_renamed_node(const acd_node_t* node, sqlite3* db)
 {
     return delete_note(db, node, "DELETE FROM `renamed_node` WHERE id=%Q;");

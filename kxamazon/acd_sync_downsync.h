@@ -58,6 +58,9 @@ acd_fs_error_t op_downsync_arrived_node(const char* cloud_node_path, const acd_n
 // folder.
 void op_downsync_bring_down_folder(const acd_sync_path_t* sync_path);
 
+// Makes the local folder and brings it down. Cut in between, it is taken up when the change is read again.
+void op_downsync_add_whole_folder(const acd_node_t* node, acd_sync_path_t* sync_path);
+
 // After a rename or move: gives the local node the cloud's time if it is there and, for a file, has the
 // cloud's content. Else it is downloaded, unless the owner changed it here.
 int op_downsync_settle_node(const acd_node_t* node, acd_sync_path_t* sync_path);

@@ -98,6 +98,14 @@ void op_downsync_bring_down_folder(const acd_sync_path_t* sync_path)
               rc);
 }
 
+void op_downsync_add_whole_folder(const acd_node_t* node, acd_sync_path_t* sync_path)
+{
+    acd_cache_note_arrival(node);
+    op_downsync_add_node(node, sync_path);
+    op_downsync_bring_down_folder(sync_path);
+    acd_cache_delete_moved_node(node);
+}
+
 int op_downsync_settle_node(const acd_node_t* node, acd_sync_path_t* sync_path)
 {
     const char* path = sync_path->local_node_path;
@@ -106,8 +114,7 @@ int op_downsync_settle_node(const acd_node_t* node, acd_sync_path_t* sync_path)
     struct stat st;
     if (lstat(path, &st) == 0)
         return op_downsync_update_mtime_node(node, sync_path);
-    op_downsync_add_node(node, sync_path);
-    op_downsync_bring_down_folder(sync_path);
+    op_downsync_add_whole_folder(node, sync_path);
     return 0;
 }
 

@@ -115,7 +115,8 @@ void op_downsync_move_node(const acd_node_t* node, const char* old_cloud_path, c
     LOG_DEBUG("%s: Node %s was moved. %s ---> %s\n", __func__, acd_node_to_short_string(node), old_cloud_path,
               new_cloud_path);
     sync_path_ptr old_path;
-    get_sync_path(old_cloud_path, global.sync_pairs, out(old_path));
+    if (*old_cloud_path)
+        get_sync_path(old_cloud_path, global.sync_pairs, out(old_path));
     struct stat st;
     if (!new_path && old_path) {
         delete_moved_node(node, old_path.get());
@@ -137,9 +138,10 @@ void apply_folder_change(const acd_node_t* node, acd_sync_path_t* sync_path)
     string_ptr old_name;
     const bool arrives = node->status == NODE_STATUS_AVAILABLE && !is_there(sync_path->local_node_path) &&
                          !acd_cache_is_cloud_node_renamed(node, out(old_name));
-    op_downsync_node_folder(node, sync_path);
-    if (arrives)
-        op_downsync_bring_down_folder(sync_path);
+    if (arrives && get_downsync_folder_action(node, sync_path) == SYNC_FOLDER_ACTION_ADD)
+        op_downsync_add_whole_folder(node, sync_path);
+    else if (!arrives)
+        op_downsync_node_folder(node, sync_path);
 }
 
 // Decides on a node that stands where it stood.

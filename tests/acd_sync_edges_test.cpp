@@ -182,6 +182,19 @@ TEST_F(edges, a_folder_from_an_unknown_place_is_brought_down_whole)
     EXPECT_EQ(at("/D/Docs/box/in/deep"), "/Korvane_other/box/in/deep");
 }
 
+TEST_F(edges, a_folder_that_arrives_survives_the_end_of_the_process)
+{
+    cloud_.move("/Korvane_other/box", "/Docs");
+    acd_cache_reset();
+    cloud_.fail({{"method", "GET"}, {"path", "/content$"}, {"status", 403}}); // ends the process
+    EXPECT_EXIT(poll(), testing::ExitedWithCode(1), "");
+    EXPECT_TRUE(kxtest::exists(base_ + "/D/Docs/box/in"));
+    acd_cache_deinit();
+    EXPECT_EQ(acd_cache_init(0), ACD_CACHE_ERR_OK);
+    poll();
+    EXPECT_EQ(at("/D/Docs/box/in/deep"), "/Korvane_other/box/in/deep");
+}
+
 TEST_F(edges, a_new_place_and_new_content_at_once)
 {
     const auto changed = [&](const char* path, const char* content) {
