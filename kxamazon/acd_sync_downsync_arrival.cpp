@@ -5,6 +5,7 @@
 #include "common/utils.h"
 #include "kxamazon/acd_fs.h"
 #include "kxamazon/acd_fs_cache.h"
+#include "kxamazon/acd_fs_io.h"
 #include "kxamazon/acd_sync_downsync.h"
 #include "kxamazon/acd_sync_utils.h"
 #include "kxamazon/acd_utils.h"
@@ -48,21 +49,17 @@ int settle_other_content(const acd_node_t* node, acd_sync_path_t* sync_path)
     return 0;
 }
 
-acd_sync_pair_entry_t* pair_of(const acd_sync_path_t* sync_path)
+// The next start has the pair's full pass look for what is missing.
+void owe_full_downsync(const acd_sync_path_t* sync_path)
 {
     acd_sync_pair_entry_t* pair;
     TAILQ_FOREACH (pair, global.sync_pairs, entries) {
-        if (std::strcmp(pair->local_drive_path, sync_path->local_drive_path) == 0 &&
-            std::strcmp(pair->cloud_drive_path, sync_path->cloud_drive_path) == 0)
-            return pair;
+        if (std::strcmp(pair->local_drive_path, sync_path->local_drive_path) != 0 ||
+            std::strcmp(pair->cloud_drive_path, sync_path->cloud_drive_path) != 0)
+            continue;
+        pair->need_full_downsync = 1;
+        acd_cache_cache_sync_pair(acd_cache_db(), pair);
     }
-    return nullptr;
-}
-
-void set_owed(acd_sync_pair_entry_t* pair, int need_full_downsync)
-{
-    pair->need_full_downsync = need_full_downsync;
-    acd_cache_cache_sync_pair(acd_cache_db(), pair);
 }
 
 } // namespace
@@ -76,34 +73,30 @@ acd_fs_error_t op_downsync_arrived_node(const char* cloud_node_path, const acd_n
     return op_full_download(cloud_node_path, node, sync_path);
 }
 
-// Cut half way, by a stop or a crash, it would not come again: the folder is there then, and looks like one
-// that has all it should. So the pair owes a full download until it is done.
+// A folder that is there looks like one that has all it should. Cut by a stop or a crash, the change is read
+// again and its note still stands; after a listing that failed the feed goes on, so the pair owes a full
+// pass.
 void op_downsync_bring_down_folder(const acd_sync_path_t* sync_path)
 {
-    acd_sync_pair_entry_t* pair = pair_of(sync_path);
-    if (pair && pair->need_full_downsync)
-        pair = nullptr; // owed already, and not for this
-    if (pair)
-        set_owed(pair, 1);
     sync_path_ptr drives(acd_create_sync_path(sync_path->cloud_drive_path, sync_path->local_drive_path));
     auto rc = acd_fs_scan_dir_ex(sync_path->cloud_node_path, 1, op_default_filter, op_downsync_arrived_node,
                                  drives.get());
-    if (rc == ACD_FS_ERR_OK) {
-        if (pair)
-            set_owed(pair, 0);
+    if (rc == ACD_FS_ERR_OK || rc == ACD_FS_ERR_STOPPED)
         return;
-    }
     HANDLE_ACD_FS_ERROR(rc);
     LOG_ERROR("%s: Failed to scan cloud folder path %s. fs_err = %d\n", __func__, sync_path->cloud_node_path,
               rc);
+    owe_full_downsync(sync_path);
 }
 
+// A full pass would not do after a crash: what was moved into the folder must come by its own change.
 void op_downsync_add_whole_folder(const acd_node_t* node, acd_sync_path_t* sync_path)
 {
     acd_cache_note_arrival(node);
     op_downsync_add_node(node, sync_path);
     op_downsync_bring_down_folder(sync_path);
-    acd_cache_delete_moved_node(node);
+    if (!acd_io_is_stopped())
+        acd_cache_delete_moved_node(node);
 }
 
 int op_downsync_settle_node(const acd_node_t* node, acd_sync_path_t* sync_path)
