@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <gmock/gmock.h>
+#include <iterator>
 
 #include "common/constants.h"
 #include "common/utils.h"
@@ -207,6 +208,34 @@ TEST_F(Cache, ChildLookup)
 }
 
 // SQLite stops a statement that takes more steps than finding one of many rows by an index needs.
+// A folder that was found is not read again until something is written, or the file is opened anew.
+TEST_F(Cache, FolderFoundOnceIsFoundAsItIsNow)
+{
+    sql_exec(acd_cache_db(), SQL_HERE, "UPDATE node SET kind='FOLDER'");
+    auto write = [](const char* sql) { EXPECT_EQ(sql_exec(acd_cache_db(), SQL_HERE, sql), SQLITE_OK); };
+    const char* const changes[] = {
+        "UPDATE node SET name='other' WHERE id='a'",
+        "UPDATE node SET name='A', status='TRASH' WHERE id='a'",
+        "UPDATE node SET status='AVAILABLE' WHERE id='a'",
+        "DELETE FROM parents WHERE node_id='a'",
+        "INSERT INTO parents VALUES('a','root')",
+        "DELETE FROM node",
+    };
+    const char* const found[] = {"2", "2", "a", "2", "a", "2"};
+    for (size_t i = 0; i < std::size(changes); ++i) {
+        child_of("root", "A");
+        write(changes[i]);
+        EXPECT_EQ(child_of("root", "A"), found[i]) << changes[i];
+    }
+    put("a", "A", {"root"});
+    write("UPDATE node SET kind='FOLDER'");
+    EXPECT_EQ(child_of("root", "A"), "a");
+    ASSERT_EQ(acd_cache_deinit(), 0);
+    EXPECT_EQ(rows("DELETE FROM node", open_file(kx_cache_path).get()), "");
+    ASSERT_EQ(acd_cache_init(0), 0);
+    EXPECT_EQ(child_of("root", "A"), "2");
+}
+
 TEST_F(Cache, LookupsInALargeFolderDoNotScan)
 {
     rows(
