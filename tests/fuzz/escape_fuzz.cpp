@@ -2,6 +2,7 @@
 // the shell still finds no program, no variable and no way out of its own empty folder: neither a "/" nor a
 // "~" gets into a text.
 #include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
 
 #include "common/utils_shell.cpp" // NOLINT: what decides on safety is private to it
@@ -30,10 +31,12 @@ std::string shell_reads(const std::string& escaped)
     close(ends[1]);
     std::string text;
     char block[4096];
-    for (ssize_t got; (got = read(ends[0], block, sizeof block)) > 0;)
-        text.append(block, static_cast<size_t>(got));
+    // The fuzzer's own timer signals interrupt both waits.
+    for (ssize_t got; (got = read(ends[0], block, sizeof block)) > 0 || (got < 0 && errno == EINTR);)
+        text.append(block, static_cast<size_t>(std::max<ssize_t>(got, 0)));
     close(ends[0]);
-    waitpid(child, nullptr, 0);
+    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+    }
     return text;
 }
 
