@@ -1,10 +1,13 @@
 #include "floor.h"
 
 #include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
 #include <utime.h>
 
 #include "bench.h"
 #include "kxamazon/acd_fs_cache.h"
+#include "support/support.h"
 
 namespace kxbench
 {
@@ -150,21 +153,26 @@ std::vector<cached_node_t> read_rows()
 }
 
 void replay(const std::string& cloud_url, const nlohmann::json& requests,
-            const std::vector<std::string>& paths)
+            const std::vector<std::string>& paths, bool synced)
 {
     http_floor http;
     size_t next = 0;
+    fd_owner note(open((kxtest::sysroot() + "/note").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     for (const auto& request : requests) {
         std::string target = request["target"], method = request["method"];
         bool content = method == "GET" && target.ends_with("/content");
         expect(!content || next < paths.size(), "more files were read than there are");
+        if (content && synced)
+            expect(pwrite(note.get(), target.data(), target.size(), 0) > 0 && fdatasync(note.get()) == 0,
+                   "no note");
         file_ptr file(content ? fopen(paths[next].c_str(), "wb") : nullptr);
         http.send(method, cloud_url + target, request["body"], file.get());
         if (!content)
             continue;
-        file.reset();
+        fflush(file.get());
         utimbuf times = {time(nullptr), 1};
         utime(paths[next++].c_str(), &times);
+        expect(!synced || fsync(fileno(file.get())) == 0, "no sync");
     }
 }
 

@@ -65,8 +65,9 @@ void write_rows(const std::vector<cached_node_t>& nodes);
 std::vector<cached_node_t> read_rows();
 
 // The requests of a list that the cloud kept, sent again in a bare loop. Replies with the content of a file
-// go to the local paths in their order.
+// go to the local paths in their order; synced puts each on the disk, and a note before it, as a download
+// does.
 void replay(const std::string& cloud_url, const nlohmann::json& requests,
-            const std::vector<std::string>& paths);
+            const std::vector<std::string>& paths = {}, bool synced = false);
 
 } // namespace kxbench
