@@ -162,10 +162,10 @@ std::string metadata(const std::string& name, const std::string& parent)
     return "{\"name\": \"" + name + "\", \"kind\": \"FILE\", \"parents\": [\"" + parent + "\"]}";
 }
 
-transfer_t measure_transfer(const drive_t& drive, const std::string& file, const std::string& name)
+double measure_upload(const drive_t& drive, const std::string& file, const std::string& name, double* peak)
 {
     settle();
-    auto up = in_child([&] {
+    auto sample = in_child([&] {
         engine_t engine(drive);
         reset_peak();
         double seconds = timed([&] {
@@ -175,48 +175,78 @@ transfer_t measure_transfer(const drive_t& drive, const std::string& file, const
         });
         return std::vector<double>{seconds};
     });
-    nlohmann::json node = drive.cloud.stat("/" + name);
-    expect(node["contentProperties"]["size"] == fs::file_size(file), "the cloud holds another size");
+    expect(drive.cloud.stat("/" + name)["contentProperties"]["size"] == fs::file_size(file),
+           "the cloud holds another size");
+    *peak = sample.peak_kib;
+    return sample.values[0];
+}
+
+double measure_download(const drive_t& drive, const std::string& file, const std::string& id, double* peak)
+{
     settle();
     std::string copy = drive.base + "/copy";
-    auto down = in_child([&] {
+    auto sample = in_child([&] {
         engine_t engine(drive);
         reset_peak();
         double seconds = timed([&] {
-            expect(acd_fs_download_file(node["id"].get<std::string>().c_str(), copy.c_str()) == ACD_FS_ERR_OK,
-                   "the download failed");
+            expect(acd_fs_download_file(id.c_str(), copy.c_str()) == ACD_FS_ERR_OK, "the download failed");
         });
         return std::vector<double>{seconds};
     });
     expect(std::system(("cmp -s " + file + " " + copy).c_str()) == 0, "another content came down");
     fs::remove(copy);
-    return {up.values[0], down.values[0], up.peak_kib, down.peak_kib};
+    *peak = sample.peak_kib;
+    return sample.values[0];
 }
 
-transfer_t transfer_floor(const drive_t& drive, const std::string& file)
+double upload_floor(const drive_t& drive, const std::string& file)
 {
     settle();
-    auto sample = in_child([&] {
-        http_floor http;
-        std::string root = nlohmann::json::parse(
-            http.send("GET", drive.cloud.url() + "/metadata/nodes?filters=isRoot:true"))["data"][0]["id"];
-        std::string reply;
-        double up = timed([&] {
-            reply = http.upload("POST", drive.cloud.url() + "/content/nodes?suppress=deduplication",
-                                metadata("floor", root), file);
-        });
-        std::string id = nlohmann::json::parse(reply)["id"];
-        settle();
-        std::string copy = drive.base + "/floor";
-        double down = timed([&] {
-            file_ptr to(fopen(copy.c_str(), "wb"));
-            http.send("GET", drive.cloud.url() + "/content/nodes/" + id + "/content", "", to.get());
-        });
-        expect(fs::file_size(copy) == fs::file_size(file), "the floor brought down something else");
-        fs::remove(copy);
-        return std::vector<double>{up, down};
-    });
-    return {sample.values[0], sample.values[1], 0, 0};
+    return in_child([&] {
+               http_floor http;
+               std::string root = nlohmann::json::parse(http.send(
+                   "GET", drive.cloud.url() + "/metadata/nodes?filters=isRoot:true"))["data"][0]["id"];
+               return std::vector<double>{timed([&] {
+                   http.upload("POST", drive.cloud.url() + "/content/nodes?suppress=deduplication",
+                               metadata("floor", root), file);
+               })};
+           })
+        .values[0];
+}
+
+double download_floor(const drive_t& drive, const std::string& file, const std::string& id)
+{
+    settle();
+    std::string copy = drive.base + "/floor";
+    double seconds =
+        in_child([&] {
+            http_floor http;
+            return std::vector<double>{timed([&] {
+                file_ptr to(fopen(copy.c_str(), "wb"));
+                http.send("GET", drive.cloud.url() + "/content/nodes/" + id + "/content", "", to.get());
+            })};
+        }).values[0];
+    expect(fs::file_size(copy) == fs::file_size(file), "the floor brought down something else");
+    fs::remove(copy);
+    return seconds;
+}
+
+// The best of three in turn with the floor: what the machine pays for memory that it has not used yet would
+// else be paid by whichever comes second.
+transfer_t measure_transfer(const drive_t& drive, const std::string& file, const std::string& name,
+                            transfer_t* floor)
+{
+    transfer_t best = {1e9, 1e9, 0, 0};
+    *floor = best;
+    floor->up = upload_floor(drive, file);
+    best.up = measure_upload(drive, file, name, &best.up_peak);
+    std::string id = drive.cloud.stat("/" + name)["id"];
+    for (int i = 0; i < 3; ++i) {
+        floor->down = std::min(floor->down, download_floor(drive, file, id));
+        best.down = std::min(best.down, measure_download(drive, file, id, &best.down_peak));
+    }
+    drive.cloud.trash("/floor");
+    return best;
 }
 
 } // namespace
@@ -228,9 +258,9 @@ lines_t large_file(const options_t& options)
     std::string small = drive.base + "/small.src", large = drive.base + "/large.src";
     write_large(small, 1);
     write_large(large, size_mib);
-    transfer_t little = measure_transfer(drive, small, "small");
-    transfer_t floor = transfer_floor(drive, large);
-    transfer_t much = measure_transfer(drive, large, "large");
+    transfer_t floor;
+    transfer_t little = measure_transfer(drive, small, "small", &floor);
+    transfer_t much = measure_transfer(drive, large, "large", &floor);
     const char* wanted = "≤ 1.1 × the floor; peak ≤ 4 MiB above a 1 MiB file's";
     std::string size = count(size_mib) + " MiB";
     return {{size + " down", wanted, secs(much.down), secs(floor.down), times(much.down / floor.down),
