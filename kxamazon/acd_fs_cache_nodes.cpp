@@ -132,11 +132,14 @@ int update_moved_node(const char* id, const char* new_parent)
                             id, old_path.get());
 }
 
-// Beyond 2^63 SQLite would round a size to a real; as the negative number of the same bits it comes back
-// whole.
-long long size_value(const acd_node_t* node)
+// Beyond 2^63 SQLite rounds a size to a real; as the negative number of the same bits it comes back whole.
+int write_huge_size(sqlite3* db, const acd_node_t* node)
 {
-    return static_cast<long long>(node->size_byte);
+    const auto size = static_cast<int64_t>(node->size_byte);
+    if (size >= 0)
+        return SQLITE_OK;
+    return sql_exec_mprintf(db, SQL_HERE, "UPDATE `node` SET size=%lld WHERE id=%Q",
+                            static_cast<long long>(size), node->id);
 }
 
 int write_root(sqlite3* db, const acd_node_t* node)
@@ -144,9 +147,9 @@ int write_root(sqlite3* db, const acd_node_t* node)
     int rc = sql_exec_mprintf(
         db, SQL_HERE,
         "INSERT OR REPLACE INTO `node` (id,name,kind,md5,status,created,modified,size) VALUES "
-        "(%Q,\"/\",%Q,%Q,%Q,strftime('%%s',%Q),strftime('%%s',%Q),%lld)",
+        "(%Q,\"/\",%Q,%Q,%Q,strftime('%%s',%Q),strftime('%%s',%Q),%lu)",
         node->id, acd_enum_kind_to_string(node->kind), node->md5, acd_enum_status_to_string(node->status),
-        acd_time_to_string(node->create_date), acd_time_to_string(node->modified_date), size_value(node));
+        acd_time_to_string(node->create_date), acd_time_to_string(node->modified_date), node->size_byte);
     if (rc != SQLITE_OK)
         return rc;
     return sql_exec_mprintf(
@@ -159,17 +162,25 @@ int write_row(sqlite3* db, const acd_node_t* node)
     int rc = sql_exec_mprintf(db, SQL_HERE,
                               "INSERT OR REPLACE INTO `renamed_node` SELECT "
                               "id,name,kind,md5,status,created,modified,size,timestamp FROM node WHERE id=%Q "
-                              "AND name!=%Q COLLATE BINARY",
+                              "AND name!=%Q",
                               node->id, node->name);
+    // Names compare without regard to case here, but not on the local side.
+    if (rc == SQLITE_OK)
+        rc = sql_exec_mprintf(db, SQL_HERE,
+                              "INSERT OR REPLACE INTO `renamed_node` SELECT "
+                              "id,name,kind,md5,status,created,modified,size,timestamp FROM node WHERE id=%Q "
+                              "AND name=%Q AND name!=%Q COLLATE BINARY",
+                              node->id, node->name, node->name);
     if (rc != SQLITE_OK)
         return rc;
-    return sql_exec_mprintf(
+    rc = sql_exec_mprintf(
         db, SQL_HERE,
         "INSERT OR REPLACE INTO `node` (id,name,kind,md5,status,created,modified,size) VALUES "
-        "(%Q,%Q,%Q,%Q,%Q,strftime('%%s',%Q),strftime('%%s',%Q),%lld)",
+        "(%Q,%Q,%Q,%Q,%Q,strftime('%%s',%Q),strftime('%%s',%Q),%lu)",
         node->id, node->name, acd_enum_kind_to_string(node->kind), node->md5,
         acd_enum_status_to_string(node->status), acd_time_to_string(node->create_date),
-        acd_time_to_string(node->modified_date), size_value(node));
+        acd_time_to_string(node->modified_date), node->size_byte);
+    return rc == SQLITE_OK ? write_huge_size(db, node) : rc;
 }
 
 // The move notes come first: they need the path with the name that the row still has.
