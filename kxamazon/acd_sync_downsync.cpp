@@ -8,6 +8,7 @@
 #include "common/utils.h"
 #include "kxamazon/acd_fs.h"
 #include "kxamazon/acd_fs_cache.h"
+#include "kxamazon/acd_sync_letters.h"
 #include "kxamazon/acd_sync_utils.h"
 
 namespace
@@ -65,6 +66,7 @@ int acd_downsync_cloud_drive_path(const char* cloud_drive_path, const char* clou
     if (!cloud_drive_path || !cloud_folder_path || !local_drive_path)
         return -1;
     const char* const name = __func__;
+    acd_sync_forget_names();
     LOG_INFO("Start full downsync cloud folder path. %s ===> %s, cloud folder path = %s\n", cloud_drive_path,
              local_drive_path, cloud_folder_path);
     struct stat st;
@@ -117,6 +119,7 @@ acd_fs_error_t op_full_download(const char* cloud_node_path, const acd_node_t* n
         string_ptr(get_local_node_path(cloud_drive_path, local_drive_path, cloud_node_path)));
     LOG_DEBUG("%s: %s <===> %s, %s ---> %s\n", __func__, cloud_drive_path, local_drive_path, cloud_node_path,
               sync_path->local_node_path);
+    acd_sync_find_other_letters(node, sync_path);
     if (leads_through_link(__func__, local_drive_path, sync_path->local_node_path))
         return ACD_FS_ERR_SCAN_OP_CONTINUE;
     if (node->kind == NODE_KIND_FOLDER)

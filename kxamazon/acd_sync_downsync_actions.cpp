@@ -9,6 +9,7 @@
 #include "kxamazon/acd_fs_cache.h"
 #include "kxamazon/acd_sync_downsync.h"
 #include "kxamazon/acd_sync_echo.h"
+#include "kxamazon/acd_sync_letters.h"
 #include "kxamazon/acd_sync_report.h"
 #include "kxamazon/acd_sync_utils.h"
 #include "kxamazon/acd_utils.h"
@@ -156,17 +157,18 @@ int op_downsync_rename_node(const acd_node_t* node, acd_sync_path_t* sync_path)
         std::exit(1);
     }
     const char* new_path = sync_path->local_node_path;
-    string_ptr old_path = sibling_path(new_path, old_name.get());
-    LOG_DEBUG("Renmae acd node from %s to %s!\n", old_path.get(), new_path);
-    const int rc = rename_local(sync_path->local_drive_path, old_path.get(), new_path);
+    const std::string old_path =
+        acd_sync_standing_path(sync_path->local_drive_path, sibling_path(new_path, old_name.get()).get());
+    LOG_DEBUG("Renmae acd node from %s to %s!\n", old_path.c_str(), new_path);
+    const int rc = rename_local(sync_path->local_drive_path, old_path.c_str(), new_path);
     if (rc != 0)
-        LOG_ERROR("%s: Failed to rename %s to %s, node %s\n", __func__, old_path.get(), new_path,
+        LOG_ERROR("%s: Failed to rename %s to %s, node %s\n", __func__, old_path.c_str(), new_path,
                   acd_node_to_short_string(node));
     else
         report_sync_move(node->kind == NODE_KIND_FOLDER
                              ? sync_folder_action_to_string(SYNC_FOLDER_ACTION_RENAME)
                              : sync_file_action_to_string(SYNC_FILE_ACTION_RENAME),
-                         "LOGMSG_AMAZONDRIVE_LOCAL_RENAME", old_path.get(), new_path);
+                         "LOGMSG_AMAZONDRIVE_LOCAL_RENAME", old_path.c_str(), new_path);
     op_downsync_settle_node(node, sync_path);
     acd_cache_delete_renamed_node(node);
     return rc;

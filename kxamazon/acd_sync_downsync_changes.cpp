@@ -8,6 +8,7 @@
 #include "kxamazon/acd_fs_io.h"
 #include "kxamazon/acd_sync_downsync.h"
 #include "kxamazon/acd_sync_echo.h"
+#include "kxamazon/acd_sync_letters.h"
 #include "kxamazon/acd_sync_report.h"
 #include "kxamazon/acd_sync_utils.h"
 #include "kxamazon/global.h"
@@ -117,6 +118,10 @@ void op_downsync_move_node(const acd_node_t* node, const char* old_cloud_path, c
     sync_path_ptr old_path;
     if (*old_cloud_path)
         get_sync_path(old_cloud_path, global.sync_pairs, out(old_path));
+    if (old_path)
+        acd_sync_find_other_letters(node, old_path.get());
+    if (new_path)
+        acd_sync_find_other_letters_above(new_path);
     struct stat st;
     if (!new_path && old_path) {
         delete_moved_node(node, old_path.get());
@@ -153,6 +158,7 @@ acd_fs_error_t apply_change(const acd_node_t* node, acd_sync_path_t* sync_path)
     struct stat st;
     if (stat_local_drive_path(name, sync_path->local_drive_path, &st) != 0)
         return ACD_FS_ERR_LOCAL_IO;
+    acd_sync_find_other_letters(node, sync_path);
     if (leads_through_link(name, sync_path->local_drive_path, sync_path->local_node_path))
         return ACD_FS_ERR_SCAN_OP_CONTINUE;
     if (node->kind == NODE_KIND_FOLDER)
@@ -179,6 +185,7 @@ int acd_downsync_changes(acd_sync_pair_list_t* list)
 {
     if (!list)
         return -1;
+    acd_sync_forget_names();
     auto rc = acd_fs_scan_changes(fetch_all_changes, max_changed_nodes, changes_chunk_size, op_default_filter,
                                   op_downsync_changes, list, has_fetched_all_changes);
     if (rc != ACD_FS_ERR_OK)

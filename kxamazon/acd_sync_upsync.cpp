@@ -9,6 +9,7 @@
 #include "common/utils.h"
 #include "kxamazon/acd_fs.h"
 #include "kxamazon/acd_fs_io.h"
+#include "kxamazon/acd_sync_letters.h"
 #include "kxamazon/acd_sync_report.h"
 #include "kxamazon/acd_sync_utils.h"
 #include "kxamazon/acd_utils.h"
@@ -136,18 +137,20 @@ int op_upsync(const char* full_path, const struct dirent* entry, void* arg)
 }
 
 // A node of any status counts: a folder that lies in the cloud's trash is not made again.
-sync_folder_action_t get_upsync_folder_action(const char* cloud_path)
+sync_folder_action_t get_upsync_folder_action(const char* local_path, const char* cloud_path)
 {
     node_ptr node;
-    return acd_fs_get_node(cloud_path, out(node)) == ACD_FS_ERR_RESOURCE_NOT_FOUND ? SYNC_FOLDER_ACTION_ADD
-                                                                                   : SYNC_FOLDER_ACTION_NO_OP;
+    const acd_fs_error_t rc = acd_fs_get_node(cloud_path, out(node));
+    if (node && node->status == NODE_STATUS_AVAILABLE)
+        acd_sync_note_letters(node.get(), local_path);
+    return rc == ACD_FS_ERR_RESOURCE_NOT_FOUND ? SYNC_FOLDER_ACTION_ADD : SYNC_FOLDER_ACTION_NO_OP;
 }
 
 int acd_upsync_folder(const char* local_path, const char* cloud_path)
 {
     if (!local_path || !cloud_path)
         return -1;
-    const sync_folder_action_t action = get_upsync_folder_action(cloud_path);
+    const sync_folder_action_t action = get_upsync_folder_action(local_path, cloud_path);
     switch (action) {
     case SYNC_FOLDER_ACTION_NO_OP:
         return 0;
@@ -199,6 +202,11 @@ int get_upsync_file_action(const char* local_path, const char* cloud_path, sync_
     const bool found = acd_fs_get_node(cloud_path, out(node)) == ACD_FS_ERR_OK;
     *action = found ? get_upsync_node_action(node.get(), st.st_mtim.tv_sec, st.st_mtim.tv_nsec)
                     : SYNC_FILE_ACTION_ADD;
+    if (*action == SYNC_FILE_ACTION_OVERWRITE &&
+        acd_sync_is_twin_of_another(__func__, node.get(), local_path, cloud_path))
+        *action = SYNC_FILE_ACTION_NO_OP;
+    if (found && node->status == NODE_STATUS_AVAILABLE)
+        acd_sync_note_letters(node.get(), local_path);
     return 0;
 }
 

@@ -23,7 +23,7 @@ int acd_upsync_file(const char* local_path, const char* cloud_path);
 
 // What to do with the cloud folder, and with the cloud file. The latter answers -1 with NO_OP when the local
 // file cannot be used, else 0.
-sync_folder_action_t get_upsync_folder_action(const char* cloud_path);
+sync_folder_action_t get_upsync_folder_action(const char* local_path, const char* cloud_path);
 int get_upsync_file_action(const char* local_path, const char* cloud_path, sync_file_action_t* action);
 
 // The rows of the latter for a node that was found.

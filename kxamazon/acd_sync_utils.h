@@ -86,22 +86,25 @@ inline void acd_sync_release_sync_pair_list(acd_sync_pair_list_t* list)
 }
 using sync_pair_list_ptr = owner<acd_sync_pair_list_t, acd_sync_release_sync_pair_list>;
 
-// Lends a sync path the paths of one node; frees them and leaves nulls when it goes out of scope.
+// Gives a sync path the paths of one node; frees what is there then and leaves nulls when it goes out of
+// scope.
 class sync_node_scope
 {
 public:
     sync_node_scope(acd_sync_path_t* sync_path, string_ptr cloud_node_path, string_ptr local_node_path)
-        : sync_path_(sync_path), cloud_(std::move(cloud_node_path)), local_(std::move(local_node_path))
+        : sync_path_(sync_path)
     {
-        sync_path_->cloud_node_path = cloud_.get();
-        sync_path_->local_node_path = local_.get();
+        sync_path_->cloud_node_path = cloud_node_path.release();
+        sync_path_->local_node_path = local_node_path.release();
     }
     sync_node_scope(const sync_node_scope&) = delete;
     sync_node_scope& operator=(const sync_node_scope&) = delete;
-    ~sync_node_scope() { sync_path_->cloud_node_path = sync_path_->local_node_path = nullptr; }
+    ~sync_node_scope()
+    {
+        for (char** path : {&sync_path_->cloud_node_path, &sync_path_->local_node_path})
+            std::free(std::exchange(*path, nullptr));
+    }
 
 private:
     acd_sync_path_t* sync_path_;
-    string_ptr cloud_;
-    string_ptr local_;
 };

@@ -35,6 +35,8 @@ void initial_sync()
     if (global.exit_flag)
         return;
     acd_upsync_local_drive(global.sync_pairs);
+    if (!global.exit_flag)
+        notify_of_letters();
     LOG_INFO("Initial sync complete. Start live syncing.\n");
     write_status(SYNC_STATE_UP_TO_DATE);
 }

@@ -21,6 +21,9 @@ char* get_cloud_node_path(const char* local_path);
 int watch_notify(const char* local_path, watch_type_v2_t type, void* data);
 int watch_notify_move(const char* old_local_path, const char* new_local_path, watch_type_v2_t type);
 
+// Tells watch_notify_move of the names that an upload found under other letters in the cloud.
+void notify_of_letters();
+
 // Gives a local entry the node's time; a null node leaves it alone.
 int upsync_update_mtime_node(const acd_node_t* node, const char* local_path);
 

@@ -5,6 +5,7 @@
 #include "kxamazon/acd_fs.h"
 #include "kxamazon/acd_sync_downsync.h"
 #include "kxamazon/acd_sync_echo.h"
+#include "kxamazon/acd_sync_letters.h"
 #include "kxamazon/acd_sync_upsync.h"
 #include "kxamazon/acd_utils.h"
 #include "kxamazon/global.h"
@@ -56,13 +57,23 @@ bool is_taken(const char* cloud_path, acd_fs_error_t* rc)
     return *rc == ACD_FS_ERR_OK;
 }
 
-void delete_node(const char* kind, const char* cloud_path, bool is_echo)
+// Whether the cloud has a node at the path that is the twin of another local entry.
+bool is_others(const char* function_name, const char* local_path, const char* cloud_path)
+{
+    node_ptr node;
+    acd_fs_get_node(cloud_path, out(node));
+    return node && acd_sync_is_twin_of_another(function_name, node.get(), local_path, cloud_path);
+}
+
+void delete_node(const char* kind, const char* local_path, const char* cloud_path, bool is_echo)
 {
     if (acd_fs_error_t rc; is_echo) {
         if (!is_taken(cloud_path, &rc))
             LOG_ERROR("Failed to delete %s %s! %d\n", kind, cloud_path, rc);
         return;
     }
+    if (is_others("watch_notify", local_path, cloud_path))
+        return;
     if (acd_fs_error_t rc = acd_fs_delete_file(cloud_path); rc != ACD_FS_ERR_OK) {
         LOG_ERROR("Failed to delete %s %s! %d\n", kind, cloud_path, rc);
         return;
@@ -79,9 +90,9 @@ void handle_event(watch_type_v2_t type, const char* local_path, const char* clou
     case WATCH_TYPE_V2_ADD_DIR:
         return add_folder(local_path, cloud_path);
     case WATCH_TYPE_V2_DEL_FILE:
-        return delete_node("FILE", cloud_path, is_echo);
+        return delete_node("FILE", local_path, cloud_path, is_echo);
     case WATCH_TYPE_V2_DEL_DIR:
-        return delete_node("FOLDER", cloud_path, is_echo);
+        return delete_node("FOLDER", local_path, cloud_path, is_echo);
     default:
         return;
     }
@@ -180,6 +191,14 @@ void handle_move_echo(const char* cloud_old, const char* cloud_new, const char* 
         watch_notify(new_local_path, WATCH_TYPE_V2_ADD_FILE, nullptr);
 }
 
+bool is_same_node(const char* cloud_path, const char* other_path)
+{
+    node_ptr node, other;
+    acd_fs_get_node(cloud_path, out(node));
+    acd_fs_get_node(other_path, out(other));
+    return node && other && strcmp(node->id, other->id) == 0;
+}
+
 // Shows SYNCING in the status file for as long as it lives.
 struct syncing_status {
     syncing_status() { write_status(SYNC_STATE_SYNCING); }
@@ -226,7 +245,16 @@ int watch_notify(const char* local_path, watch_type_v2_t type, void*)
         }
         handle_event(type, local_path, cloud_path, is_echo);
     }
+    notify_of_letters();
     return 0;
+}
+
+// Nobody told of them, but the upload found them.
+void notify_of_letters()
+{
+    for (const acd_sync_letters_t& letters : acd_sync_take_letters())
+        watch_notify_move(letters.old_path.c_str(), letters.new_path.c_str(),
+                          letters.is_folder ? WATCH_TYPE_V2_MOVE_DIR : WATCH_TYPE_V2_MOVE_FILE);
 }
 
 int watch_notify_move(const char* old_local_path, const char* new_local_path, watch_type_v2_t type)
@@ -247,6 +275,14 @@ int watch_notify_move(const char* old_local_path, const char* new_local_path, wa
         handle_move_echo(cloud_old.get(), cloud_new.get(), new_local_path, type);
         return 0;
     }
+    // What is not its own node stays in the cloud as it is.
+    if (is_others(__func__, old_local_path, cloud_old.get())) {
+        add_moved(new_local_path, type);
+        return 0;
+    }
+    if (is_others(__func__, new_local_path, cloud_new.get()) &&
+        !is_same_node(cloud_old.get(), cloud_new.get()))
+        return 0;
     const auto move = type == WATCH_TYPE_V2_MOVE_DIR ? move_folder : move_file;
     const acd_fs_error_t rc = move(cloud_old.get(), cloud_new.get(), new_local_path);
     // Nothing to move there, or a name in its way: what lies at the new place goes up as new.

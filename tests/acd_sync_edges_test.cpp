@@ -8,6 +8,7 @@
 #include "common/utils.h"
 #include "kxamazon/acd_fs_cache.h"
 #include "kxamazon/acd_sync_downsync.h"
+#include "kxamazon/acd_sync_upsync.h"
 #include "kxamazon/acd_sync_utils.h"
 #include "kxamazon/acd_utils.h"
 #include "kxamazon/global.h"
@@ -357,6 +358,82 @@ TEST_F(edges_live, the_echo_of_own_work_never_meets_another_node)
     cloud_.put("/sub/e", "once more");
     notify("/D/sub/e", WATCH_TYPE_V2_DEL_FILE);
     EXPECT_FALSE(cloud_.has("/sub/e"));
+}
+
+// Nobody saw the new letters: the service was down.
+TEST_F(edges_live, new_letters_that_nobody_saw)
+{
+    const std::string d = id_at("/Docs/d"), sub = id_at("/Docs/sub");
+    fs::rename(base_ + "/D/Docs/d", base_ + "/D/Docs/D");
+    fs::rename(base_ + "/D/Docs/sub", base_ + "/D/Docs/Sub");
+    write_file(base_ + "/D/Docs/D", "edited", mtime_of(base_ + "/D/Docs/D") + 1);
+
+    // Neither a full pass nor a change in the cloud makes a second file or folder.
+    cloud_.forget_requests();
+    later();
+    cloud_.put("/Docs/sub/e", "newer");
+    EXPECT_EQ(full_passes(), 0);
+    later();
+    cloud_.put("/Docs/sub/f", "new");
+    poll();
+    EXPECT_EQ(tree("/D"), "Docs/ Docs/D Docs/Sub/ Docs/Sub/e Docs/Sub/f ");
+    EXPECT_EQ(at("/D/Docs/D") + at("/D/Docs/Sub/e"), "editednewer");
+
+    EXPECT_EQ(acd_upsync_local_path((base_ + "/D").c_str(), "/"), 0);
+    EXPECT_EQ(cloud_.get("/Docs/d").body, "edited");
+    EXPECT_EQ(cloud_.count("PATCH", "."), 0) << "a pass renames nothing";
+    poll();
+    notify_of_letters();
+    EXPECT_EQ(cloud_.stat("/Docs/d")["name"], "D");
+    EXPECT_EQ(cloud_.stat("/Docs/sub")["name"], "Sub");
+    EXPECT_EQ(id_at("/Docs/d") + id_at("/Docs/sub"), d + sub);
+    later();
+    cloud_.rename("/Docs/D", "r");
+    cloud_.trash("/Docs/Sub/e");
+    idle();
+    EXPECT_EQ(tree("/D"), "Docs/ Docs/Sub/ Docs/Sub/f Docs/r ");
+
+    // The cloud renames, moves and trashes what has new letters here.
+    for (const char* name : {"a", "b", "c"})
+        cloud_.put("/Docs/"s + name, name);
+    idle();
+    later();
+    for (auto [name, letters] : {std::pair("a", "A"), {"b", "B"}, {"c", "C"}})
+        fs::rename(base_ + "/D/Docs/" + name, base_ + "/D/Docs/" + letters);
+    cloud_.rename("/Docs/a", "a2");
+    cloud_.move("/Docs/b", "/Docs/Sub");
+    cloud_.trash("/Docs/c");
+    cloud_.forget_requests();
+    idle();
+    EXPECT_EQ(tree("/D/Docs"), "Sub/ Sub/b Sub/f a2 r ");
+    EXPECT_EQ(downloads(), 0);
+}
+
+// The cloud holds one of them only.
+TEST_F(edges_live, two_local_names_that_differ_in_letters)
+{
+    const std::string d = id_at("/Docs/d");
+    const auto write = [&](const char* path, const char* content) {
+        write_file(base_ + path, content, time(nullptr) + (clock_offset_ += 10));
+    };
+    write("/D/Docs/D", "another");
+    write("/D/Docs/Sub/e", "another");
+    const auto is_left = [&](const std::function<void()>& run) {
+        EXPECT_THAT(log(run, 0), HasSubstr("whose node it is! It is left alone.\n"));
+        idle();
+        EXPECT_EQ(at("/D/Docs/d") + at("/D/Docs/sub/e"), "/Docs/d/Docs/sub/e");
+        EXPECT_EQ(cloud_.get("/Docs/d").body + cloud_.get("/Docs/sub/e").body, "/Docs/d/Docs/sub/e");
+        EXPECT_EQ(id_at("/Docs/d"), d);
+    };
+    is_left([&] { EXPECT_EQ(acd_upsync_local_path((base_ + "/D").c_str(), "/"), 0); });
+    notify_of_letters();
+    for (const char* path : {"/D/Docs/D", "/D/Docs/Sub/e"})
+        is_left([&] { notify(path, WATCH_TYPE_V2_ADD_FILE); });
+    is_left([&] { notify("/D/Docs/D", WATCH_TYPE_V2_DEL_FILE); });
+    is_left([&] { notify_move("/D/Docs/other", "/D/Docs/D"); });
+    fs::rename(base_ + "/D/Docs/D", base_ + "/D/Docs/x");
+    is_left([&] { notify_move("/D/Docs/D", "/D/Docs/x"); });
+    EXPECT_EQ(cloud_.get("/Docs/x").body, "another");
 }
 
 TEST_F(edges_live, what_never_was_at_its_old_path_comes_up_at_the_new_one)

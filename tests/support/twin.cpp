@@ -376,9 +376,7 @@ void twin_world::local_relocate(const step_t& step, bool is_move)
     const std::string to = new_place(step, from, is_move, local_side);
     if (to.empty())
         return;
-    // A new letter case that the service misses is refused by the cloud from then on, where the old one
-    // stands in its way: the file stays under its old name there. Such a rename is watched in peace.
-    const bool in_peace = has_orphans(from) || lower(from) == lower(to);
+    const bool in_peace = has_orphans(from);
     if (in_peace)
         settle();
     prepare(local_side, {from, to}, true);
@@ -392,7 +390,7 @@ void twin_world::local_relocate(const step_t& step, bool is_move)
         gone_.insert(each);
         risk_.emplace(each, remote_[each]);
     }
-    if (service_) {
+    if (service_ || lower(from) == lower(to)) { // new letters are made up for
         move(remote_, from, to);
     } else { // the copies in the cloud stay, since nobody tells it
         for (const std::string& each : with_below(local_, from))
