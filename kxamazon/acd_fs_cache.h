@@ -53,6 +53,13 @@ int acd_cache_is_cloud_node_moved(const acd_node_t* node, char** old_path);
 // 1 when the change that left the node's note is known to have left its content as it was.
 int acd_cache_has_content_before_change(const acd_node_t* node);
 
+// The available node at a path, as far as the cache knows.
+acd_cache_error_t acd_cache_get_node_at(const char* path, acd_node_t** node);
+
+// What stands locally for the node is not known to have its content, so that a change of the node alone does
+// not make the difference the owner's.
+void acd_cache_forget_content(const acd_node_t* node);
+
 // Notes that a node comes from no known path, so that after a crash its folder is still known to be new.
 // Dropped like any move note.
 void acd_cache_note_arrival(const acd_node_t* node);

@@ -5,6 +5,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "common/paths.h"
 #include "common/utils.h"
 #include "kxamazon/sqlite_utils.h"
 
@@ -321,6 +322,22 @@ acd_cache_error_t acd_cache_get_child_node(const acd_node_t* parent, const char*
                   acd_node_to_short_string(*node));
     }
     return result;
+}
+
+acd_cache_error_t acd_cache_get_node_at(const char* path, acd_node_t** node)
+{
+    *node = nullptr;
+    node_ptr found;
+    acd_cache_error_t rc = acd_cache_get_root_node(out(found));
+    for (const std::string& name : split_path(path)) {
+        if (rc != ACD_CACHE_ERR_OK)
+            return rc;
+        node_ptr child;
+        rc = acd_cache_get_child_node(found.get(), name.c_str(), out(child));
+        found = std::move(child);
+    }
+    *node = found.release();
+    return rc;
 }
 
 acd_cache_error_t acd_cache_get_node_path(const acd_node_t* node, char** path)

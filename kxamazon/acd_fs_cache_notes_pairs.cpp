@@ -93,6 +93,12 @@ int acd_cache_has_content_before_change(const acd_node_t* node)
     return md5 && *md5 && node->md5 && std::strcmp(md5.get(), node->md5) == 0;
 }
 
+void acd_cache_forget_content(const acd_node_t* node)
+{
+    if (acd_cache_db() && node)
+        sql_exec_mprintf(acd_cache_db(), SQL_HERE, "UPDATE `node` SET md5=NULL WHERE id=%Q", node->id);
+}
+
 void acd_cache_note_arrival(const acd_node_t* node)
 {
     if (acd_cache_db() && node)

@@ -65,6 +65,10 @@ void op_downsync_add_whole_folder(const acd_node_t* node, acd_sync_path_t* sync_
 // cloud's content. Else it is downloaded, unless the owner changed it here.
 int op_downsync_settle_node(const acd_node_t* node, acd_sync_path_t* sync_path);
 
+// 1 when another node has come to the cloud path that the node had before. The feed may tell of that first,
+// and what stands there locally is the other one's then.
+int op_downsync_is_of_another(const acd_node_t* node, const char* old_cloud_path);
+
 // 1 when the local node, or for a folder anything in it, was changed after the cloud's change.
 int op_downsync_is_newer_locally(const acd_node_t* node, const char* path);
 

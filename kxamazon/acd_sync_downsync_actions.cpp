@@ -103,8 +103,11 @@ int op_downsync_add_node(const acd_node_t* node, acd_sync_path_t* sync_path)
     if (node->kind != NODE_KIND_FILE)
         return 0;
     download_note note(sync_path->local_node_path, node->modified_date);
-    if (auto rc = download_node(node, sync_path); rc == ACD_FS_ERR_STOPPED)
+    auto rc = download_node(node, sync_path);
+    if (rc == ACD_FS_ERR_STOPPED)
         return rc;
+    if (rc != ACD_FS_ERR_OK)
+        acd_cache_forget_content(node);
     op_downsync_update_mtime_node(node, sync_path);
     if (!note.finish())
         HANDLE_ACD_FS_ERROR(ACD_FS_IO_ERR_READ_WRITE_ERROR);
@@ -160,7 +163,10 @@ int op_downsync_rename_node(const acd_node_t* node, acd_sync_path_t* sync_path)
     const std::string old_path =
         acd_sync_standing_path(sync_path->local_drive_path, sibling_path(new_path, old_name.get()).get());
     LOG_DEBUG("Renmae acd node from %s to %s!\n", old_path.c_str(), new_path);
-    const int rc = rename_local(sync_path->local_drive_path, old_path.c_str(), new_path);
+    const std::string old_cloud_path = sibling_path(sync_path->cloud_node_path, old_name.get()).get();
+    const int rc = op_downsync_is_of_another(node, old_cloud_path.c_str())
+                       ? -1
+                       : rename_local(sync_path->local_drive_path, old_path.c_str(), new_path);
     if (rc != 0)
         LOG_ERROR("%s: Failed to rename %s to %s, node %s\n", __func__, old_path.c_str(), new_path,
                   acd_node_to_short_string(node));

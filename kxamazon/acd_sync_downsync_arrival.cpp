@@ -2,6 +2,7 @@
 #include <cstring>
 #include <sys/stat.h>
 
+#include "common/paths.h"
 #include "common/utils.h"
 #include "kxamazon/acd_fs.h"
 #include "kxamazon/acd_fs_cache.h"
@@ -109,6 +110,13 @@ int op_downsync_settle_node(const acd_node_t* node, acd_sync_path_t* sync_path)
         return op_downsync_update_mtime_node(node, sync_path);
     op_downsync_add_whole_folder(node, sync_path);
     return 0;
+}
+
+int op_downsync_is_of_another(const acd_node_t* node, const char* old_cloud_path)
+{
+    node_ptr found;
+    acd_cache_get_node_at(old_cloud_path, out(found));
+    return found && std::strcmp(found->id, node->id) != 0 && name_of_path(old_cloud_path) == found->name;
 }
 
 int op_downsync_is_newer_locally(const acd_node_t* node, const char* path)

@@ -68,7 +68,8 @@ void __op_downsync_move_node(const acd_node_t* node, const acd_sync_path_t* old_
     LOG_DEBUG("%s: Found moved node: %s, cloud (%s ---> %s), local (%s ---> %s)\n", __func__,
               acd_node_to_short_string(node), old_path->cloud_node_path, new_path->cloud_node_path, old_local,
               new_local);
-    if (!is_to_be_moved(node, old_local, new_local)) {
+    if (op_downsync_is_of_another(node, old_path->cloud_node_path) ||
+        !is_to_be_moved(node, old_local, new_local)) {
         LOG_INFO("Local node %s is left where it is, cloud node is at %s\n", old_local, new_local);
         arrive(node, new_path);
         return;

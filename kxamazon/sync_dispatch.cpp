@@ -180,6 +180,19 @@ acd_fs_error_t move_file(const char* cloud_old, const char* cloud_new, const cha
     return ACD_FS_ERR_OK;
 }
 
+// Names in the way, in the old folder and in the new, kept the node from being moved. Once its content is up
+// at the new place the old one goes, unless something stands there here.
+void leave_old_place(const char* old_local_path, const char* cloud_old, const char* new_local_path,
+                     const char* cloud_new)
+{
+    struct stat st;
+    node_ptr node;
+    acd_fs_get_node(cloud_new, out(node));
+    if (node && node->status == NODE_STATUS_AVAILABLE && lstat(old_local_path, &st) != 0 &&
+        linux_fs_has_content(new_local_path, node->size_byte, node->md5))
+        delete_node("FILE", old_local_path, cloud_old, false);
+}
+
 // An own move has nothing to move in the cloud; what was edited here since comes up.
 void handle_move_echo(const char* cloud_old, const char* cloud_new, const char* new_local_path,
                       watch_type_v2_t type)
@@ -288,6 +301,8 @@ int watch_notify_move(const char* old_local_path, const char* new_local_path, wa
     // Nothing to move there, or a name in its way: what lies at the new place goes up as new.
     if (rc == ACD_FS_ERR_RESOURCE_NOT_FOUND || rc == ACD_FS_ERR_RESOURCE_DUPLICATE)
         add_moved(new_local_path, type);
+    if (rc == ACD_FS_ERR_RESOURCE_DUPLICATE && type == WATCH_TYPE_V2_MOVE_FILE)
+        leave_old_place(old_local_path, cloud_old.get(), new_local_path, cloud_new.get());
     return 0;
 }
 

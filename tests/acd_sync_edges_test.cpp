@@ -1,4 +1,5 @@
 // Where following the cloud, or the owner, to the letter would lose what the owner has.
+#include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
@@ -297,6 +298,61 @@ TEST_F(edges, a_rename_to_other_letters_arrives)
     EXPECT_EQ(downloads(), 0);
 }
 
+// The feed shows each node once, in its present state: what took a name before may come after it.
+TEST_F(edges, a_name_that_another_node_took_meanwhile)
+{
+    const auto take_over = [&](const std::string& path, const std::function<void()>& leave,
+                               const std::function<void()>& go_on, const std::string& place) {
+        SCOPED_TRACE(place);
+        cloud_.put(path, "first");
+        poll();
+        later();
+        leave();
+        cloud_.put(path, "second");
+        go_on();
+        poll();
+        EXPECT_EQ(at("/D" + path), "second");
+        EXPECT_EQ(at("/D" + place), "first");
+        EXPECT_EQ(mtime_of(base_ + "/D" + place), cloud_time(place)) << "or it would go up";
+        later();
+    };
+    take_over(
+        "/Docs/x", [&] { cloud_.rename("/Docs/x", "y"); }, [&] { cloud_.rename("/Docs/y", "z"); }, "/Docs/z");
+    take_over(
+        "/Docs/m", [&] { cloud_.move("/Docs/m", "/Docs/sub"); }, [&] { cloud_.rename("/Docs/sub/m", "n"); },
+        "/Docs/sub/n");
+}
+
+// A program that runs cannot be written to.
+TEST_F(edges, a_download_that_failed_is_no_edit_of_the_owner)
+{
+    const std::string program = base_ + "/D/Docs/d", moved = base_ + "/D/Docs/sub/r";
+    later();
+    fs::copy("/bin/sleep", program, fs::copy_options::overwrite_existing);
+    kxtest::process runs({program, "60"});
+    ASSERT_TRUE(kxtest::eventually(
+        [&] { return fs::read_symlink("/proc/" + std::to_string(runs.pid()) + "/exe") == program; }));
+    cloud_.put("/Docs/d", "new program");
+    EXPECT_THAT(poll(), HasSubstr("error: Cannot open D/Docs/d.\n"));
+    cloud_.put("/Docs/gone", "whole");
+    cloud_.fail({{"method", "GET"}, {"path", "/content$"}, {"status", 404}});
+    poll();
+    acd_cache_deinit();
+    EXPECT_EQ(acd_cache_init(0), ACD_CACHE_ERR_OK);
+    later();
+    cloud_.rename("/Docs/d", "r");
+    cloud_.rename("/Docs/gone", "here");
+    EXPECT_THAT(poll(), HasSubstr("error: Cannot open D/Docs/r.\n"));
+    EXPECT_EQ(at("/D/Docs/here"), "whole");
+    EXPECT_EQ(mtime_of(base_ + "/D/Docs/r"), cloud_time("/Docs/r")) << "or it would go up";
+    runs.signal(SIGKILL);
+    runs.wait();
+    later();
+    cloud_.move("/Docs/r", "/Docs/sub");
+    poll();
+    EXPECT_EQ(read_file(moved).substr(0, 20), "new program");
+}
+
 // What the watcher tells of a local change.
 class edges_live : public edges
 {
@@ -455,6 +511,38 @@ TEST_F(edges_live, what_never_was_at_its_old_path_comes_up_at_the_new_one)
     notify_move("/D/album/two", "/D/album/three");
     EXPECT_EQ(cloud_.get("/album/three").body, "33");
     EXPECT_EQ(id_at("/album/three"), id);
+}
+
+TEST_F(edges_live, a_move_that_names_stand_in_the_way_of)
+{
+    const auto move = [&](const char* from, const char* to) {
+        for (const char* path : {from, to, "/Docs/x", "/to/x"})
+            cloud_.put(path, path);
+        idle();
+        later();
+        fs::rename(base_ + "/D" + from, base_ + "/D" + to);
+    };
+    // The node that stands at the new place goes, the others stay.
+    move("/Docs/x", "/to/y");
+    const std::string id = id_at("/Docs/x");
+    notify_move("/D/Docs/x", "/D/to/y");
+    EXPECT_EQ(id_at("/to/y"), id);
+    EXPECT_EQ(cloud_.get("/to/x").body + cloud_.get("/to/y").body, "/to/x/Docs/x");
+
+    cloud_.put("/Docs/z", "z"); // nor can it be renamed first
+    move("/Docs/x", "/to/z");
+    cloud_.fail({{"method", "POST"}, {"path", "^/nodes$"}, {"status", 400}, {"body", {{"message", "no"}}}});
+    notify_move("/D/Docs/x", "/D/to/z");
+    EXPECT_EQ(cloud_.get("/Docs/x").body, "/Docs/x") << "the new content is not up";
+    write_file(base_ + "/D/Docs/x", "new at the old place");
+    notify_move("/D/Docs/x", "/D/to/z");
+    EXPECT_EQ(cloud_.get("/Docs/x").body, "/Docs/x") << "something stands there";
+    fs::remove(base_ + "/D/Docs/x");
+    cloud_.put("/to/z", "old");
+    notify_move("/D/Docs/x", "/D/to/z");
+    EXPECT_FALSE(cloud_.has("/Docs/x"));
+    EXPECT_EQ(cloud_.get("/to/z").body + cloud_.get("/to/x").body + cloud_.get("/Docs/z").body,
+              "/Docs/x/to/xz");
 }
 
 TEST_F(edges_live, a_second_save_within_the_second_goes_up)
