@@ -56,6 +56,9 @@ int acd_cache_has_content_before_change(const acd_node_t* node);
 // The available node at a path, as far as the cache knows.
 acd_cache_error_t acd_cache_get_node_at(const char* path, acd_node_t** node);
 
+// 1, once, when the folder was not in the cache before it was written a moment ago.
+int acd_cache_take_unknown_folder(const acd_node_t* node);
+
 // What stands locally for the node is not known to have its content, so that a change of the node alone does
 // not make the difference the owner's.
 void acd_cache_forget_content(const acd_node_t* node);

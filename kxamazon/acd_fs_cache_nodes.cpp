@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "common/paths.h"
 #include "common/utils.h"
@@ -109,14 +110,32 @@ acd_cache_error_t __acd_cache_get_node_path(const char* id, char** path)
     return *path ? ACD_CACHE_ERR_OK : ACD_CACHE_ERR_INTERNAL_ERROR;
 }
 
-// Keeps the path of a node whose parent is about to change.
-int update_moved_node(const char* id, const char* new_parent)
+// The folders written lately that the cache had not known. A listing writes many that nobody asks for.
+std::unordered_set<std::string>& unknown_folders()
 {
+    static std::unordered_set<std::string> ids;
+    return ids;
+}
+
+void remember_unknown_folder(const char* id)
+{
+    constexpr size_t most_folders = 1024;
+    if (unknown_folders().size() >= most_folders)
+        unknown_folders().clear();
+    unknown_folders().insert(id);
+}
+
+// Keeps the path of a node whose parent is about to change.
+int update_moved_node(const acd_node_t* node, const char* new_parent)
+{
+    const char* id = node->id;
     sqlite3* db = acd_cache_db();
     sql_table_ptr table;
     int nrow = 0;
     int rc = sql_get_table_mprintf(db, SQL_HERE, out(table), &nrow, nullptr,
                                    "SELECT parent_id FROM parents WHERE node_id=%Q", id);
+    if (rc == SQLITE_OK && nrow == 0 && node->kind == NODE_KIND_FOLDER)
+        remember_unknown_folder(id);
     if (rc != SQLITE_OK || nrow == 0)
         return rc;
     if (new_parent && std::strcmp(table.get()[1], new_parent) == 0)
@@ -189,7 +208,7 @@ int write_node(sqlite3* db, const acd_node_t* node)
 {
     int rc = SQLITE_OK;
     for (uint64_t i = 0; rc == SQLITE_OK && i < node->parents.count; ++i)
-        rc = update_moved_node(node->id, node->parents.id_array[i]);
+        rc = update_moved_node(node, node->parents.id_array[i]);
     if (rc == SQLITE_OK)
         rc = write_row(db, node);
     for (uint64_t i = 0; rc == SQLITE_OK && i < node->parents.count; ++i)
@@ -322,6 +341,11 @@ acd_cache_error_t acd_cache_get_child_node(const acd_node_t* parent, const char*
                   acd_node_to_short_string(*node));
     }
     return result;
+}
+
+int acd_cache_take_unknown_folder(const acd_node_t* node)
+{
+    return static_cast<int>(unknown_folders().erase(node->id));
 }
 
 acd_cache_error_t acd_cache_get_node_at(const char* path, acd_node_t** node)

@@ -138,9 +138,23 @@ void op_downsync_move_node(const acd_node_t* node, const char* old_cloud_path, c
     }
 }
 
+// It came from a place that the cache has never seen, the trash maybe, to where a folder stands already: what
+// is in it may be missing. The note has the next start go on when this is cut short.
+void complete_folder(const acd_node_t* node, acd_sync_path_t* sync_path)
+{
+    op_downsync_node_folder(node, sync_path);
+    acd_cache_note_arrival(node);
+    op_downsync_bring_down_folder(sync_path);
+    if (!acd_io_is_stopped())
+        acd_cache_delete_moved_node(node);
+}
+
 // A folder that is new here may come from a place that the cache has never seen.
 void apply_folder_change(const acd_node_t* node, acd_sync_path_t* sync_path)
 {
+    const bool is_unknown = acd_cache_take_unknown_folder(node);
+    if (is_unknown && node->status == NODE_STATUS_AVAILABLE && is_of_kind(node, sync_path->local_node_path))
+        return complete_folder(node, sync_path);
     string_ptr old_name;
     const bool arrives = node->status == NODE_STATUS_AVAILABLE && !is_there(sync_path->local_node_path) &&
                          !acd_cache_is_cloud_node_renamed(node, out(old_name));

@@ -184,6 +184,29 @@ TEST_F(edges, a_folder_from_an_unknown_place_is_brought_down_whole)
     EXPECT_EQ(at("/D/Docs/box/in/deep"), "/Korvane_other/box/in/deep");
 }
 
+// A link kept the folder here from going with what was in it.
+TEST_F(edges, a_folder_that_comes_back_to_where_it_stands_is_completed)
+{
+    const std::string id = cloud_.stat("/Docs/sub")["id"];
+    fs::create_symlink("nowhere", base_ + "/D/Docs/sub/link");
+    cloud_.trash("/Docs/sub");
+    poll();
+    EXPECT_EQ(tree("/D/Docs"), "d sub/ sub/link ");
+    later();
+    cloud_.edit({{"id", id}, {"status", "AVAILABLE"}});
+    cloud_.fail({{"method", "GET"}, {"path", "/content$"}, {"status", 403}}); // ends the process
+    EXPECT_EXIT(poll(), testing::ExitedWithCode(1), "");
+    acd_cache_deinit();
+    EXPECT_EQ(acd_cache_init(0), ACD_CACHE_ERR_OK);
+    poll();
+    EXPECT_EQ(at("/D/Docs/sub/e"), "/Docs/sub/e");
+    later();
+    cloud_.forget_requests();
+    cloud_.edit({{"path", "/Docs/sub"}, {"modifiedDate", "2035-06-01T12:00:00Z"}});
+    poll();
+    EXPECT_EQ(cloud_.count("GET", "children"), 0) << "known by now";
+}
+
 TEST_F(edges, a_folder_that_arrives_survives_the_end_of_the_process)
 {
     cloud_.move("/Korvane_other/box", "/Docs");

@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -265,9 +267,85 @@ TEST_F(Reliability, HoursOfFailuresCostOneLineAnAttemptAndNothingElse)
 
 // ---- A local disk that refuses ----
 
+// A file system in memory, seen by this program and those that it starts alone.
+class small_disk
+{
+public:
+    small_disk(const std::string& path, const char* options, unsigned long flags = 0) : path_(path)
+    {
+        is_there_ = unshare(CLONE_NEWNS) == 0 &&
+                    mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                    mount("none", path_.c_str(), "tmpfs", flags, options) == 0;
+    }
+    ~small_disk()
+    {
+        if (is_there_)
+            umount2(path_.c_str(), MNT_DETACH);
+    }
+    small_disk(const small_disk&) = delete;
+    small_disk& operator=(const small_disk&) = delete;
+
+    bool is_there() const { return is_there_; }
+    bool grow(const char* options) const
+    {
+        return mount(nullptr, path_.c_str(), nullptr, MS_REMOUNT, options) == 0;
+    }
+
+private:
+    std::string path_;
+    bool is_there_;
+};
+
+TEST_F(Reliability, ADownloadThatDoesNotFitEndsTheProcessAndArrivesOnceThereIsRoom)
+{
+    const small_disk disk(nas_.drive, "size=256k");
+    if (!disk.is_there())
+        GTEST_SKIP() << "no mount is allowed";
+    const std::string content(600000, 'f');
+    const auto ends = [&] {
+        auto service = nas_.start();
+        EXPECT_EQ(service->wait(), 1) << service->err();
+        EXPECT_EQ(cloud_.get("/f.txt").body, content);
+    };
+    const auto arrives = [&] {
+        auto service = nas_.start();
+        ASSERT_TRUE(live(*service)) << service->err();
+        EXPECT_EQ(stop(*service), 0);
+        EXPECT_EQ(read_file(nas_.drive + "/f.txt"), cloud_.get("/f.txt").body);
+    };
+    cloud_.put("/f.txt", "fits");
+    arrives();
+    cloud_.forget_requests();
+    change("/f.txt", content);
+    ends();
+    ends();
+    ASSERT_TRUE(disk.grow("size=2m"));
+    arrives();
+    EXPECT_EQ(cloud_.get("/f.txt").body, content);
+    EXPECT_EQ(uploads(), 0);
+}
+
 class refusing_disk : public sync_test
 {
 };
+
+TEST_F(refusing_disk, that_takes_no_folder_costs_a_line_and_the_pass_goes_on)
+{
+    const std::string drive = base_ + "/D";
+    fs::create_directories(drive + "/locked");
+    const small_disk disk(drive + "/locked", "size=256k", MS_RDONLY);
+    if (!disk.is_there())
+        GTEST_SKIP() << "no mount is allowed";
+    cloud_.mkdir("/locked/new");
+    cloud_.put("/locked/f", "f");
+    cloud_.put("/z/f", "content");
+    const std::string text =
+        log([&] { EXPECT_EQ(acd_downsync_cloud_drive_path("/", "/", drive.c_str()), 0); }, 0);
+    for (const char* line : {"op_downsync_add_node: Failed to create dir /locked/new ---> D/locked/new\n",
+                             "Cannot open D/locked/f.\n"})
+        EXPECT_THAT(text, HasSubstr(std::string("error: ") + line));
+    EXPECT_EQ(read_file(drive + "/z/f"), "content");
+}
 
 TEST_F(refusing_disk, costs_one_node_and_the_pass_goes_on)
 {
