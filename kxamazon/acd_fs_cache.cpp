@@ -64,7 +64,7 @@ constexpr char tuning_sql[] = "PRAGMA page_size=2048;"
                               "PRAGMA synchronous=NORMAL;"
                               "PRAGMA wal_autocheckpoint=16000;"
                               "PRAGMA secure_delete=OFF;"
-                              "PRAGMA cache_size=-4096;";
+                              "PRAGMA cache_size=-2560;";
 
 constexpr char index_sql[] =
     // A child is looked up by its name: a folder may hold far more nodes than ever bear one name.

@@ -125,8 +125,9 @@ void remember_unknown_folder(const char* id)
     unknown_folders().insert(id);
 }
 
-// Keeps the path of a node whose parent is about to change.
-int update_moved_node(const acd_node_t* node, const char* new_parent)
+// Keeps the path of a node whose parent is about to change. stays says that the cache has that parent
+// already.
+int update_moved_node(const acd_node_t* node, const char* new_parent, bool& stays)
 {
     const char* id = node->id;
     sqlite3* db = acd_cache_db();
@@ -136,10 +137,9 @@ int update_moved_node(const acd_node_t* node, const char* new_parent)
                                    "SELECT parent_id FROM parents WHERE node_id=%Q", id);
     if (rc == SQLITE_OK && nrow == 0 && node->kind == NODE_KIND_FOLDER)
         remember_unknown_folder(id);
-    if (rc != SQLITE_OK || nrow == 0)
+    stays = rc == SQLITE_OK && nrow > 0 && new_parent && std::strcmp(table.get()[1], new_parent) == 0;
+    if (rc != SQLITE_OK || nrow == 0 || stays)
         return rc;
-    if (new_parent && std::strcmp(table.get()[1], new_parent) == 0)
-        return SQLITE_OK;
     string_ptr old_path;
     if (__acd_cache_get_node_path(id, out(old_path)) != ACD_CACHE_ERR_OK)
         return SQLITE_OK;
@@ -179,18 +179,13 @@ int write_root(sqlite3* db, const acd_node_t* node)
 
 int write_row(sqlite3* db, const acd_node_t* node)
 {
+    // Names compare without regard to case in the cache, but not on the local side.
     int rc = sql_exec_mprintf(db, SQL_HERE,
                               "INSERT OR REPLACE INTO `renamed_node` SELECT "
                               "id,name,kind,md5,status,created,modified,size,timestamp FROM node WHERE id=%Q "
-                              "AND name!=%Q",
+                              "AND name!=%Q"
+                              " COLLATE BINARY",
                               node->id, node->name);
-    // Names compare without regard to case here, but not on the local side.
-    if (rc == SQLITE_OK)
-        rc = sql_exec_mprintf(db, SQL_HERE,
-                              "INSERT OR REPLACE INTO `renamed_node` SELECT "
-                              "id,name,kind,md5,status,created,modified,size,timestamp FROM node WHERE id=%Q "
-                              "AND name=%Q AND name!=%Q COLLATE BINARY",
-                              node->id, node->name, node->name);
     if (rc != SQLITE_OK)
         return rc;
     rc = sql_exec_mprintf(
@@ -207,10 +202,14 @@ int write_row(sqlite3* db, const acd_node_t* node)
 int write_node(sqlite3* db, const acd_node_t* node)
 {
     int rc = SQLITE_OK;
+    bool stays = false;
     for (uint64_t i = 0; rc == SQLITE_OK && i < node->parents.count; ++i)
-        rc = update_moved_node(node, node->parents.id_array[i]);
+        rc = update_moved_node(node, node->parents.id_array[i], stays);
     if (rc == SQLITE_OK)
         rc = write_row(db, node);
+    // Writing the link that stands once more would change a page of the table and of each index for nothing.
+    if (stays && node->parents.count == 1)
+        return rc;
     for (uint64_t i = 0; rc == SQLITE_OK && i < node->parents.count; ++i)
         rc = sql_exec_mprintf(db, SQL_HERE,
                               "INSERT OR REPLACE INTO `parents` (node_id,parent_id) VALUES (%Q,%Q)", node->id,
