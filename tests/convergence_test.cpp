@@ -5,18 +5,13 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 
+#include "support/constants.h"
 #include "support/twin.h"
 
 using namespace kxtest;
 
 namespace
 {
-
-unsigned setting(const char* name, unsigned otherwise)
-{
-    const char* text = std::getenv(name);
-    return text ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : otherwise;
-}
 
 struct outcome_t {
     std::string failure; // empty when all agreed
@@ -50,7 +45,7 @@ outcome_t shortest(std::vector<step_t> steps, outcome_t failed)
         for (size_t at = 0; at + run <= steps.size() && std::chrono::steady_clock::now() < end;) {
             std::vector<step_t> fewer = steps;
             fewer.erase(fewer.begin() + static_cast<long>(at), fewer.begin() + static_cast<long>(at + run));
-            outcome_t outcome = run_steps(fewer, 6);
+            outcome_t outcome = run_steps(fewer, 10);
             if (outcome.failure.empty()) {
                 at += run;
                 continue;
@@ -71,7 +66,7 @@ TEST(Convergence, BothSidesAgreeWithTheModel)
     for (unsigned seed = first; seed < first + seeds; seed++) {
         const std::vector<step_t> steps = random_steps(seed, count);
         const auto begin = std::chrono::steady_clock::now();
-        outcome_t outcome = run_steps(steps, 30);
+        outcome_t outcome = run_steps(steps, 120);
         const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
         std::printf("seed %u: %s, %.1f s\n", seed, outcome.failure.empty() ? "agreed" : "FAILED",
                     took.count());

@@ -31,12 +31,6 @@ const char* place(const char* path)
     return keep(kxtest::sysroot() + path);
 }
 
-unsigned number(const char* name, unsigned otherwise)
-{
-    const char* text = std::getenv(name);
-    return text ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : otherwise;
-}
-
 char account_url[256];
 char auth_url[256];
 
@@ -58,6 +52,12 @@ const std::string& sysroot()
     return *root;
 }
 
+unsigned setting(const char* name, unsigned otherwise)
+{
+    const char* text = std::getenv(name);
+    return text ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : otherwise;
+}
+
 void set_cloud_url(const std::string& url)
 {
     std::snprintf(account_url, sizeof account_url, "%s", url.c_str());
@@ -65,6 +65,8 @@ void set_cloud_url(const std::string& url)
 }
 
 } // namespace kxtest
+
+using kxtest::setting;
 
 const char* const kx_settings_path = place("/etc/default/services");
 const char* const kx_account_conf_path = place("/etc/brisal/account.conf");
@@ -79,10 +81,10 @@ const char* const kx_max_user_watches_path = place("/proc/max_user_watches");
 const char* const kx_account_url = address(account_url, sizeof account_url, "KXTEST_CLOUD_URL");
 const char* const kx_auth_url = address(auth_url, sizeof auth_url, "KXTEST_CLOUD_URL");
 
-const unsigned kx_retry_interval_sec = number("KXTEST_RETRY_SEC", 0);
-const int kx_idle_poll_sec = static_cast<int>(number("KXTEST_IDLE_SEC", 1));
+const unsigned kx_retry_interval_sec = setting("KXTEST_RETRY_SEC", 0);
+const int kx_idle_poll_sec = static_cast<int>(setting("KXTEST_IDLE_SEC", 1));
 const unsigned kx_folder_created_ms = 0;
-const unsigned kx_upsync_entry_ms = number("KXTEST_UPSYNC_ENTRY_MS", 0);
-const unsigned kx_upsync_batch_ms = number("KXTEST_UPSYNC_BATCH_MS", 0);
+const unsigned kx_upsync_entry_ms = setting("KXTEST_UPSYNC_ENTRY_MS", 0);
+const unsigned kx_upsync_batch_ms = setting("KXTEST_UPSYNC_BATCH_MS", 0);
 const unsigned kx_checkpoint_retry_ms = 10;
 const unsigned kx_sql_busy_ms = 1;
