@@ -135,6 +135,7 @@ void write_settings(const std::string& lines, const std::string& provision)
 
 bool eventually(const std::function<bool()>& condition, double seconds)
 {
+    seconds *= setting("KXTEST_SLOWNESS", 1);
     auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end)

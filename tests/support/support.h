@@ -38,7 +38,8 @@ void write_settings(const std::string& lines = "AMAZONDRIVE_ACCESS_TOKEN=access\
                                                "AMAZONDRIVE_REFRESH_TOKEN=refresh\n",
                     const std::string& provision = "v=1&state=authorized");
 
-// Asks every few milliseconds until the condition holds; false when it does not within the time.
+// Asks every few milliseconds until the condition holds; false when it does not within the time, times
+// KXTEST_SLOWNESS.
 bool eventually(const std::function<bool()>& condition, double seconds = 10);
 
 } // namespace kxtest
