@@ -363,7 +363,7 @@ TEST(ReceiveBuffer, IsEmptyAfterMemoryRanOut)
     rcvbuf reply = {0, nullptr};
     char piece[] = "abc";
     EXPECT_EQ(rcvfunc(piece, 1, 3, &reply), 3);
-    EXPECT_EQ(rcvfunc(piece, 1, SIZE_MAX / 2, &reply), 0);
+    EXPECT_EQ(rcvfunc(piece, 1, SIZE_MAX / 4, &reply), 0);
     EXPECT_EQ(reply.sz, 0);
     EXPECT_EQ(reply.buf, nullptr);
 }
