@@ -67,6 +67,12 @@ void acd_cache_forget_content(const acd_node_t* node);
 // Dropped like any move note.
 void acd_cache_note_arrival(const acd_node_t* node);
 
+// A local folder is about to be emptied and removed for the node. The note of the hour stands until it is
+// dropped, also when the process ends before.
+void acd_cache_note_removal(const acd_node_t* node);
+int acd_cache_is_being_removed(const acd_node_t* node, struct timespec* begun); // 1 or 0
+void acd_cache_delete_removal_note(const acd_node_t* node);
+
 // Drop a note: 0, or -1 on failure.
 int acd_cache_delete_renamed_node(const acd_node_t* node, sqlite3* db = acd_cache_db());
 int acd_cache_delete_moved_node(const acd_node_t* node);

@@ -1,7 +1,9 @@
 #include "kxamazon/acd_fs_cache.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "common/utils.h"
 #include "kxamazon/sqlite_utils.h"
@@ -104,6 +106,35 @@ void acd_cache_note_arrival(const acd_node_t* node)
     if (acd_cache_db() && node)
         sql_exec_mprintf(acd_cache_db(), SQL_HERE,
                          "INSERT OR REPLACE INTO `moved_node` (id, old_path) VALUES (%Q,%Q)", node->id, "");
+}
+
+// It stands among the moves under an id that no node has.
+void acd_cache_note_removal(const acd_node_t* node)
+{
+    if (!acd_cache_db() || !node)
+        return;
+    timespec now;
+    clock_gettime(CLOCK_REALTIME_COARSE, &now); // as the file system tells the time
+    sql_exec_mprintf(acd_cache_db(), SQL_HERE,
+                     "INSERT OR REPLACE INTO `moved_node` (id, old_path) VALUES ('remove ' || %Q,'%lld %ld')",
+                     node->id, static_cast<long long>(now.tv_sec), now.tv_nsec);
+}
+
+int acd_cache_is_being_removed(const acd_node_t* node, timespec* begun)
+{
+    string_ptr text;
+    long long sec = 0;
+    if (!read_note(__func__, node, "SELECT old_path FROM moved_node WHERE id='remove ' || %Q", out(text)))
+        return 0;
+    if (std::sscanf(text.get(), "%lld %ld", &sec, &begun->tv_nsec) != 2)
+        return 0;
+    begun->tv_sec = sec;
+    return 1;
+}
+
+void acd_cache_delete_removal_note(const acd_node_t* node)
+{
+    delete_note(acd_cache_db(), node, "DELETE FROM `moved_node` WHERE id='remove ' || %Q;");
 }
 
 int acd_cache_delete_renamed_node(const acd_node_t* node, sqlite3* db)

@@ -194,6 +194,8 @@ sync_file_action_t get_downsync_file_action(const acd_node_t* node, const acd_sy
 
 int op_downsync_node_folder(const acd_node_t* node, acd_sync_path_t* sync_path)
 {
+    if (is_deleted(node) && op_downsync_resume_delete(node, sync_path))
+        return 0;
     switch (get_downsync_folder_action(node, sync_path)) {
     case SYNC_FOLDER_ACTION_ADD:
         return op_downsync_add_node(node, sync_path);

@@ -47,6 +47,11 @@ void add_local_folder(const char* function_name, const char* cloud_path, const c
 int op_downsync_add_node(const acd_node_t* node, acd_sync_path_t* sync_path);
 int op_downsync_delete_node(const acd_node_t* node, acd_sync_path_t* sync_path);
 int op_downsync_rename_node(const acd_node_t* node, acd_sync_path_t* sync_path);
+
+// Goes on with the removal of a folder that the end of the process cut: its time is fresh by that, as if the
+// owner had been there. What the owner wrote since stays. 0 when there is none to go on with.
+int op_downsync_resume_delete(const acd_node_t* node, acd_sync_path_t* sync_path);
+
 int op_downsync_update_mtime_node(const acd_node_t* node, acd_sync_path_t* sync_path);
 
 // Walk callback for what is in a folder that arrived by the feed. What was moved into it is left to its own

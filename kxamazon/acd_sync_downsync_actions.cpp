@@ -34,6 +34,28 @@ void delete_local_entry(const char* function_name, const char* path, bool is_fol
                        "LOGMSG_AMAZONDRIVE_LOCAL_DELETE", path);
 }
 
+// One that was cut, and when it began.
+struct removal_t {
+    timespec begun;
+    time_t cloud_mtime;
+};
+
+// What came since, or is newer than the cloud's change, is the owner's.
+int delete_older_entry(const char* full_path, const struct dirent* entry, void* arg)
+{
+    const auto* removal = static_cast<const removal_t*>(arg);
+    struct stat st;
+    const bool is_folder = entry->d_type == DT_DIR;
+    if (lstat(full_path, &st) != 0)
+        return 0;
+    const bool came_before =
+        st.st_ctim.tv_sec < removal->begun.tv_sec ||
+        (st.st_ctim.tv_sec == removal->begun.tv_sec && st.st_ctim.tv_nsec < removal->begun.tv_nsec);
+    if (is_folder || (came_before && st.st_mtime <= removal->cloud_mtime))
+        delete_local_entry("op_downsync_delete_node_linux_fs", full_path, is_folder);
+    return 0;
+}
+
 // The path of that name in the folder that holds path.
 string_ptr sibling_path(const char* path, const char* name)
 {
@@ -145,11 +167,32 @@ int op_downsync_delete_node(const acd_node_t* node, acd_sync_path_t* sync_path)
         return -1;
     }
     const bool is_folder = node->kind == NODE_KIND_FOLDER;
-    if (is_folder)
+    if (is_folder) {
+        acd_cache_note_removal(node);
         linux_fs_scan_dir_op_next(path, 1, op_downsync_delete_node_linux_fs_filter,
                                   op_downsync_delete_node_linux_fs, nullptr);
+    }
     delete_local_entry(__func__, path, is_folder);
+    if (is_folder)
+        acd_cache_delete_removal_note(node);
     return 0;
+}
+
+int op_downsync_resume_delete(const acd_node_t* node, acd_sync_path_t* sync_path)
+{
+    removal_t removal = {};
+    struct stat st;
+    if (!acd_cache_is_being_removed(node, &removal.begun))
+        return 0;
+    removal.cloud_mtime = node->modified_date;
+    const char* path = sync_path->local_node_path;
+    if (lstat(path, &st) == 0 && S_ISDIR(st.st_mode)) {
+        linux_fs_scan_dir_op_next(path, 1, op_downsync_delete_node_linux_fs_filter, delete_older_entry,
+                                  &removal);
+        delete_local_entry("op_downsync_delete_node", path, true);
+    }
+    acd_cache_delete_removal_note(node);
+    return 1;
 }
 
 int op_downsync_rename_node(const acd_node_t* node, acd_sync_path_t* sync_path)

@@ -103,6 +103,8 @@ void delete_moved_node(const acd_node_t* node, acd_sync_path_t* old_path)
     LOG_DEBUG("%s: Node %s shall be deleted! %s\n", name, acd_node_to_short_string(node), local);
     if (leads_through_link(name, old_path->local_drive_path, local))
         return;
+    if (op_downsync_resume_delete(node, old_path))
+        return;
     if (op_downsync_is_newer_locally(node, local))
         LOG_ERROR("%s: Cloud node %s was moved out, but it is older than local node %s! It is kept.\n", name,
                   acd_node_to_short_string(node), local);
@@ -144,6 +146,7 @@ void complete_folder(const acd_node_t* node, acd_sync_path_t* sync_path)
 {
     op_downsync_node_folder(node, sync_path);
     acd_cache_note_arrival(node);
+    acd_cache_delete_removal_note(node);
     op_downsync_bring_down_folder(sync_path);
     if (!acd_io_is_stopped())
         acd_cache_delete_moved_node(node);
@@ -152,8 +155,10 @@ void complete_folder(const acd_node_t* node, acd_sync_path_t* sync_path)
 // A folder that is new here may come from a place that the cache has never seen.
 void apply_folder_change(const acd_node_t* node, acd_sync_path_t* sync_path)
 {
+    timespec begun;
     const bool is_unknown = acd_cache_take_unknown_folder(node);
-    if (is_unknown && node->status == NODE_STATUS_AVAILABLE && is_of_kind(node, sync_path->local_node_path))
+    const bool may_lack = is_unknown || acd_cache_is_being_removed(node, &begun);
+    if (may_lack && node->status == NODE_STATUS_AVAILABLE && is_of_kind(node, sync_path->local_node_path))
         return complete_folder(node, sync_path);
     string_ptr old_name;
     const bool arrives = node->status == NODE_STATUS_AVAILABLE && !is_there(sync_path->local_node_path) &&

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <regex>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "common/utils.h"
 #include "kxamazon/acd_fs_cache.h"
@@ -205,6 +206,38 @@ TEST_F(edges, a_folder_that_comes_back_to_where_it_stands_is_completed)
     cloud_.edit({{"path", "/Docs/sub"}, {"modifiedDate", "2035-06-01T12:00:00Z"}});
     poll();
     EXPECT_EQ(cloud_.count("GET", "children"), 0) << "known by now";
+}
+
+TEST_F(edges, a_removal_that_the_end_of_the_process_cut_is_gone_on_with)
+{
+    for (const char* name : {"one", "two", "three"})
+        for (const char* file : {"/a", "/b", "/in/c"})
+            cloud_.put("/"s + name + file, file);
+    poll();
+    later();
+    const std::string three = cloud_.stat("/three")["id"];
+    for (const char* path : {"/one", "/two", "/three"}) {
+        cloud_.trash(path);
+        const auto ends = [&] { // at the first event, that of /a
+            cookie_io_functions_t on_event = {};
+            on_event.write = [](void*, const char*, size_t) -> ssize_t { _exit(3); };
+            global.log_fp = fopencookie(nullptr, "w", on_event);
+            setvbuf(global.log_fp, nullptr, _IONBF, 0);
+            poll();
+        };
+        EXPECT_EXIT(ends(), testing::ExitedWithCode(3), "");
+        EXPECT_EQ(tree("/D"s + path), "b in/ in/c ");
+        acd_cache_deinit();
+        EXPECT_EQ(acd_cache_init(0), ACD_CACHE_ERR_OK);
+        if (path == "/two"s)
+            write_file(base_ + "/D/two/in/mine", "mine", 1433160000);
+        if (path == "/three"s)
+            cloud_.edit({{"id", three}, {"status", "AVAILABLE"}});
+        poll();
+    }
+    EXPECT_FALSE(kxtest::exists(base_ + "/D/one"));
+    EXPECT_EQ(tree("/D/two"), "in/ in/mine ") << "written since";
+    EXPECT_EQ(tree("/D/three"), "a b in/ in/c ") << "taken back meanwhile";
 }
 
 TEST_F(edges, a_folder_that_arrives_survives_the_end_of_the_process)

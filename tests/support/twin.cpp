@@ -489,9 +489,6 @@ void twin_world::cloud_trash(const step_t& step)
     note(cloud_side, path, true);
     for (const std::string& each : with_below(remote_, path))
         gone_.insert(each);
-    if (local_[path].is_dir)
-        for (const std::string& each : with_below(local_, path))
-            half_gone_.emplace(each, local_[each]);
     erase(local_, path);
     erase(remote_, path);
     cloud_.trash(cloud_path(path));
@@ -702,28 +699,18 @@ std::string twin_world::difference(bool adopt)
     } catch (const fs::filesystem_error& error) {
         return error.what();
     }
-    tree_t model = local_;
-    tree_t left;
-    for (const auto& [path, entry] : half_gone_)
-        if (auto found = real.find(path); interrupted_ && found != real.end() && found->second == entry)
-            left.emplace(path, entry);
-    model.insert(left.begin(), left.end());
-    compare("local", model, real);
+    compare("local", local_, real);
     if (!text.empty())
         return text;
-    tree_t local_model = model;
     real = cloud_tree_now();
-    model = remote_;
-    model.insert(left.begin(), left.end());
+    tree_t model = remote_;
     for (const auto& [path, entry] : risk_)
         if (auto found = real.find(path);
             interrupted_ && found != real.end() && !remote_.contains(path) && found->second == entry)
             model[path] = entry;
     compare("cloud", model, real);
-    if (text.empty() && adopt) {
-        local_ = local_model;
+    if (text.empty() && adopt)
         remote_ = model;
-    }
     return text;
 }
 
@@ -777,7 +764,6 @@ void twin_world::settle()
     tell("agreed");
     pending_.clear();
     risk_.clear();
-    half_gone_.clear();
     gone_.clear();
     interrupted_ = false;
     // A folder's time is that of its last change, as it is where both clocks show the same time.

@@ -152,9 +152,6 @@ private:
     // What the cloud may hold besides: the places that a local move or delete left, when the service may have
     // ended before it passed it on. Nobody tells it afterwards, so the cloud's copy stays.
     std::multimap<std::string, entry_t> risk_;
-    // Trashed folders with what they held. A service that is killed while it empties one leaves it newer than
-    // the cloud's change, and a newer folder is kept with what is left in it.
-    tree_t half_gone_;
     std::set<std::string> gone_; // names that left since the last agreement; not used again before it
     std::vector<pending_t> pending_;
     bool interrupted_ = false; // the service ended with events unread, or was disturbed
