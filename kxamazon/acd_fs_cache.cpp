@@ -69,25 +69,10 @@ constexpr char tuning_sql[] = "PRAGMA page_size=2048;"
 constexpr char index_sql[] =
     // A child is looked up by its name: a folder may hold far more nodes than ever bear one name.
     "CREATE INDEX IF NOT EXISTS `node_by_name` ON `node`(`name`, `status`, `id`);"
-    // Whether a node of that name is the folder's: a folder's entries stand together, so that even a name
-    // that tens of thousands bear is decided on a few pages.
-    "CREATE INDEX IF NOT EXISTS `child_of` ON `parents`(`parent_id`, `node_id`);"
     "CREATE INDEX IF NOT EXISTS `trash_node` ON `node`(`status`, `id`) "
     "WHERE status='TRASH' OR status='PURGED';"
     // A move note keeps the old path only; whether the content changed too need not outlive the process.
     "CREATE TEMP TABLE IF NOT EXISTS `content_before_move`(`id` VARCHAR PRIMARY KEY NOT NULL, `md5` VARCHAR)";
-
-// What SQLite's planner is to believe of the indexes, whatever the cache holds at the time: the name first,
-// then the folder, by the index made for it.
-constexpr char statistics_sql[] = "ANALYZE sqlite_schema;"
-                                  "DELETE FROM sqlite_stat1;"
-                                  "INSERT INTO sqlite_stat1 (tbl,idx,stat) VALUES "
-                                  "('node','sqlite_autoindex_node_1','1000000 1'),"
-                                  "('node','node_by_name','1000000 2 2 1'),"
-                                  "('parents','sqlite_autoindex_parents_1','1000000 1'),"
-                                  "('parents','sqlite_autoindex_parents_2','1000000 1 1'),"
-                                  "('parents','child_of','1000000 40 1');"
-                                  "ANALYZE sqlite_schema;";
 
 using sqlite_ptr = owner<sqlite3, sqlite3_close>;
 
@@ -171,7 +156,6 @@ bool init_schema(sqlite3* db)
         }
     }
     return sql_exec(db, SQL_HERE, index_sql) == SQLITE_OK &&
-           sql_exec(db, SQL_HERE, statistics_sql) == SQLITE_OK &&
            sql_exec_mprintf(db, SQL_HERE, "INSERT or REPLACE INTO `version` (`schema_version`) VALUES(%d)",
                             SCHEMA_VERSION) == SQLITE_OK;
 }
