@@ -44,6 +44,7 @@ http_reply_t send(const std::string& url, const std::string& method, const std::
     httplib::Client client(url);
     client.enable_server_certificate_verification(false);
     client.set_url_encode(false);
+    client.set_read_timeout(static_cast<time_t>(5) * setting("KXTEST_SLOWNESS", 1));
     client.set_tcp_nodelay(true); // or a request with a body waits for the acknowledgement of its head
     httplib::Request request;
     request.method = method;

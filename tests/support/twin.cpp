@@ -255,6 +255,15 @@ bool twin_world::has_orphans(const std::string& path) const
     return std::any_of(below.begin(), below.end(), [&](auto& each) { return !local_.contains(each); });
 }
 
+// Watches leave by the beginning of their path: when the folder "a" is moved, nobody listens to "a1" any more
+// until the next start.
+bool twin_world::darkens_others(const std::string& folder) const
+{
+    return std::any_of(local_.begin(), local_.end(), [&](const auto& each) {
+        return each.second.is_dir && each.first.starts_with(folder) && !related(each.first, folder);
+    });
+}
+
 // ---- Order ----
 
 void twin_world::note(side_t side, const std::string& path, bool structural)
@@ -376,7 +385,8 @@ void twin_world::local_relocate(const step_t& step, bool is_move)
     const std::string to = new_place(step, from, is_move, local_side);
     if (to.empty())
         return;
-    const bool in_peace = has_orphans(from);
+    const bool darkens = local_[from].is_dir && darkens_others(from);
+    const bool in_peace = darkens || has_orphans(from);
     if (in_peace)
         settle();
     prepare(local_side, {from, to}, true);
@@ -400,6 +410,8 @@ void twin_world::local_relocate(const step_t& step, bool is_move)
     fs::rename(local_path(from), local_path(to));
     if (in_peace)
         settle();
+    if (darkens)
+        go_offline(false, 0);
 }
 
 void twin_world::local_delete(const step_t& step)
@@ -467,14 +479,22 @@ void twin_world::cloud_relocate(const step_t& step, bool is_move)
     tell(std::string(is_move ? "cloud move " : "cloud rename ") + from + " -> " + to);
     note(cloud_side, from, true);
     note(cloud_side, to, true);
-    for (const std::string& each : with_below(remote_, from))
+    const bool darkens = service_ && local_[from].is_dir && darkens_others(from);
+    for (const std::string& each : with_below(remote_, from)) {
         gone_.insert(each);
+        if (!local_.contains(each))
+            returning_.emplace(to + each.substr(from.size()), remote_[each]);
+    }
     move(local_, from, to);
     move(remote_, from, to);
     if (is_move)
         cloud_.move(cloud_path(from), folder_of(to) == "D" ? "/" : cloud_path(folder_of(to)));
     else
         cloud_.rename(cloud_path(from), name_of(to));
+    if (darkens) {
+        settle();
+        go_offline(false, 0);
+    }
 }
 
 // A folder that goes in the cloud takes along what was written below it before: prepare() lets that go up
@@ -699,7 +719,11 @@ std::string twin_world::difference(bool adopt)
     } catch (const fs::filesystem_error& error) {
         return error.what();
     }
-    compare("local", local_, real);
+    tree_t local_model = local_;
+    for (const auto& [path, entry] : returning_)
+        if (auto found = real.find(path); interrupted_ && found != real.end() && found->second == entry)
+            local_model.emplace(path, entry);
+    compare("local", local_model, real);
     if (!text.empty())
         return text;
     real = cloud_tree_now();
@@ -709,8 +733,10 @@ std::string twin_world::difference(bool adopt)
             interrupted_ && found != real.end() && !remote_.contains(path) && found->second == entry)
             model[path] = entry;
     compare("cloud", model, real);
-    if (text.empty() && adopt)
+    if (text.empty() && adopt) {
+        local_ = local_model;
         remote_ = model;
+    }
     return text;
 }
 
@@ -764,6 +790,7 @@ void twin_world::settle()
     tell("agreed");
     pending_.clear();
     risk_.clear();
+    returning_.clear();
     gone_.clear();
     interrupted_ = false;
     // A folder's time is that of its last change, as it is where both clocks show the same time.

@@ -108,6 +108,7 @@ private:
     std::string free_path(const std::string& folder, const std::string& name) const;
     std::string new_content(unsigned draw);
     bool has_orphans(const std::string& path) const;
+    bool darkens_others(const std::string& folder) const;
 
     // Steps
     void local_write(const step_t& step, bool is_new);
@@ -152,6 +153,9 @@ private:
     // What the cloud may hold besides: the places that a local move or delete left, when the service may have
     // ended before it passed it on. Nobody tells it afterwards, so the cloud's copy stays.
     std::multimap<std::string, entry_t> risk_;
+    // What the local side may hold besides when the service was killed: a cloud move that is taken up again
+    // brings the folder down whole, with what only the cloud held in it.
+    tree_t returning_;
     std::set<std::string> gone_; // names that left since the last agreement; not used again before it
     std::vector<pending_t> pending_;
     bool interrupted_ = false; // the service ended with events unread, or was disturbed
