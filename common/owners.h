@@ -27,6 +27,13 @@ using owner = std::unique_ptr<T, releaser<Release>>;
 using string_ptr = owner<char, std::free>;
 using file_ptr = owner<FILE, std::fclose>;
 
+// A record of zeros, of a kind whose release ends with free(); null when memory ran out.
+template <class Record>
+Record* new_record()
+{
+    return static_cast<Record*>(std::calloc(1, sizeof(Record)));
+}
+
 // Receives the result of a call that takes a pointer to a pointer: acd_fs_get_node(path, out(node)).
 // The owner holds the new thing as soon as the full expression ends; what it held before is released then.
 template <class Owner>

@@ -6,6 +6,9 @@
 
 #include <cstddef>
 #include <sys/types.h>
+#include <utility>
+
+#include "common/owners.h"
 
 enum kx_error_t { E_ERROR = 0, E_WARN = 1, E_INFO = 2, E_DEBUG = 3 };
 
@@ -31,6 +34,13 @@ void kx_log(unsigned level, const char* file, int line, const char* fmt, ...)
 // A copy of s; null for null.
 char* safe_strdup(const char* s);
 
+// Puts a copy of by (null for null) in the place of a malloc'd text or null, which is freed.
+template <class Char>
+void replace_text(Char*& text, const char* by)
+{
+    string_ptr old(const_cast<char*>(std::exchange(text, safe_strdup(by))));
+}
+
 // s as a message shows it: "(null)" for null.
 inline const char* shown(const char* s)
 {
@@ -52,6 +62,10 @@ char* snprintf_str(char* buf, size_t n, const char* fmt, ...) __attribute__((for
 
 // Resizes a malloc'd block. On failure p is freed and null returned, so the old block never leaks.
 void* safe_realloc(void* p, size_t size);
+
+// Appends bytes, and a NUL behind them, to a malloc'd text of this length (null and 0 at first). Returns len;
+// 0 when memory ran out, text is then null and length 0.
+size_t append_bytes(char*& text, size_t& length, const void* bytes, size_t len);
 
 // Runs a shell command and waits for it. Returns pclose's status; -1 when it could not be started.
 int safe_system(const char* cmd);

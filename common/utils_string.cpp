@@ -77,6 +77,17 @@ void* safe_realloc(void* p, size_t size)
     return resized;
 }
 
+size_t append_bytes(char*& text, size_t& length, const void* bytes, size_t len)
+{
+    text = static_cast<char*>(safe_realloc(text, length + len + 1));
+    if (!text)
+        return length = 0;
+    memcpy(text + length, bytes, len);
+    length += len;
+    text[length] = '\0';
+    return len;
+}
+
 char* strappend(char* base, ...)
 {
     size_t length = base ? strlen(base) : 0;

@@ -137,11 +137,6 @@ void drop_notes(const acd_node_t* node)
     acd_cache_delete_renamed_node(node);
 }
 
-void replace(char*& text, const char* by)
-{
-    string_ptr old(std::exchange(text, safe_strdup(by)));
-}
-
 // node is as the change left it. A reply without a node leaves it to us to tell the cache: with the old place
 // there, the feed would note the change as the cloud's.
 void keep_change(const acd_node_t* node, const node_ptr& reply)
@@ -164,7 +159,7 @@ acd_fs_error_t move_to_folder(acd_node_t* node, const char* new_folder, node_ptr
         return rc;
     }
     if (node->parents.count > 0)
-        replace(node->parents.id_array[0], parent->id);
+        replace_text(node->parents.id_array[0], parent->id);
     keep_change(node, moved);
     return ACD_FS_ERR_OK;
 }
@@ -176,7 +171,7 @@ acd_fs_error_t rename_to(acd_node_t* node, const char* new_name, node_ptr& renam
                   acd_node_to_short_string(node), new_name, rc);
         return rc;
     }
-    replace(node->name, new_name);
+    replace_text(node->name, new_name);
     keep_change(node, renamed);
     return ACD_FS_ERR_OK;
 }

@@ -253,27 +253,19 @@ acd_cache_error_t parse_only_row(char** table, int nrow, int ncol, acd_node_t** 
     return *node ? ACD_CACHE_ERR_OK : ACD_CACHE_ERR_INTERNAL_ERROR;
 }
 
-acd_cache_error_t read_root(acd_node_t** node)
-{
-    sql_table_ptr table;
-    int nrow = 0, ncol = 0;
-    int rc = sql_get_table_mprintf(
-        acd_cache_db(), SQL_HERE, out(table), &nrow, &ncol,
-        "SELECT id, name, kind, md5, status, created, modified, size, parent_id FROM node, "
-        "parents WHERE node.id = parents.node_id AND node.name=%Q",
-        "/");
-    return rc == SQLITE_OK ? parse_only_row(table.get(), nrow, ncol, node) : ACD_CACHE_ERR_DB_ERROR;
-}
+constexpr char root_query[] =
+    "SELECT id, name, kind, md5, status, created, modified, size, parent_id FROM node, "
+    "parents WHERE node.id = parents.node_id AND node.name=%Q";
+constexpr char child_query[] =
+    "SELECT id, name, kind, md5, status, created, modified, size, parent_id FROM node, parents WHERE "
+    "node.id = parents.node_id AND parents.parent_id=%Q AND node.name=%Q AND node.status = \"AVAILABLE\"";
 
-acd_cache_error_t read_child(const char* parent_id, const char* name, acd_node_t** node)
+template <class... Texts>
+acd_cache_error_t read_node(acd_node_t** node, const char* query, Texts... texts)
 {
     sql_table_ptr table;
     int nrow = 0, ncol = 0;
-    int rc = sql_get_table_mprintf(
-        acd_cache_db(), SQL_HERE, out(table), &nrow, &ncol,
-        "SELECT id, name, kind, md5, status, created, modified, size, parent_id FROM node, parents WHERE "
-        "node.id = parents.node_id AND parents.parent_id=%Q AND node.name=%Q AND node.status = \"AVAILABLE\"",
-        parent_id, name);
+    int rc = sql_get_table_mprintf(acd_cache_db(), SQL_HERE, out(table), &nrow, &ncol, query, texts...);
     return rc == SQLITE_OK ? parse_only_row(table.get(), nrow, ncol, node) : ACD_CACHE_ERR_DB_ERROR;
 }
 
@@ -321,7 +313,7 @@ acd_cache_error_t acd_cache_get_root_node(acd_node_t** node)
         *node = nullptr;
     if (!acd_cache_db() || !node)
         return ACD_CACHE_ERR_INVALID_ARGUMENTS;
-    return find_or_read("/", node, read_root);
+    return find_or_read("/", node, [](acd_node_t** root) { return read_node(root, root_query, "/"); });
 }
 
 acd_cache_error_t acd_cache_get_child_node(const acd_node_t* parent, const char* name, acd_node_t** node)
@@ -332,7 +324,7 @@ acd_cache_error_t acd_cache_get_child_node(const acd_node_t* parent, const char*
         return ACD_CACHE_ERR_INVALID_ARGUMENTS;
     acd_cache_error_t result =
         find_or_read(std::string(parent->id) + "/" + name, node,
-                     [&](acd_node_t** child) { return read_child(parent->id, name, child); });
+                     [&](acd_node_t** child) { return read_node(child, child_query, parent->id, name); });
     if (result == ACD_CACHE_ERR_OK) {
         LOG_DEBUG("%s: Get a child node from cache! parent_node = %s\n", __func__,
                   acd_node_to_short_string(parent));

@@ -76,11 +76,6 @@ const CURLcode transient_curl_errors[] = {
     CURLE_SSL_CONNECT_ERROR,     CURLE_SEND_ERROR,           CURLE_RECV_ERROR,      CURLE_AGAIN,
 };
 
-void replace(char*& field, const char* text)
-{
-    string_ptr old(std::exchange(field, safe_strdup(text)));
-}
-
 void drop_headers(acd_io_session_t* session)
 {
     headers_ptr old(std::exchange(session->headers, nullptr));
@@ -262,7 +257,7 @@ acd_io_session_t* acd_io_init_session()
     static acd_io_session_t* io_session = new_session();
     for (char** text : {&io_session->url, &io_session->custom_request, &io_session->post_data,
                         &io_session->upload_meta_data, &io_session->upload_file_path})
-        replace(*text, nullptr);
+        replace_text(*text, nullptr);
     acd_io_set_token(io_session, global.token);
     io_session->download_fp = nullptr;
     io_session->rcvbuf = nullptr;
@@ -273,33 +268,33 @@ acd_io_session_t* acd_io_init_session()
 
 void acd_io_set_token(acd_io_session_t* session, const char* token)
 {
-    replace(session->token, token);
+    replace_text(session->token, token);
 }
 
 void acd_io_set_url(acd_io_session_t* session, const char* url)
 {
-    replace(session->url, url);
+    replace_text(session->url, url);
 }
 
 void acd_io_set_custom_request(acd_io_session_t* session, const char* custom_request)
 {
-    replace(session->custom_request, custom_request);
+    replace_text(session->custom_request, custom_request);
 }
 
 void acd_io_set_post_data(acd_io_session_t* session, const char* data)
 {
-    replace(session->post_data, data);
+    replace_text(session->post_data, data);
 }
 
 void acd_io_set_post_meta_content(acd_io_session_t* session, const char* meta_data, const char* file_path)
 {
-    replace(session->upload_meta_data, meta_data);
-    replace(session->upload_file_path, file_path);
+    replace_text(session->upload_meta_data, meta_data);
+    replace_text(session->upload_file_path, file_path);
 }
 
 void acd_io_set_post_content(acd_io_session_t* session, const char* file_path)
 {
-    replace(session->upload_file_path, file_path);
+    replace_text(session->upload_file_path, file_path);
 }
 
 void acd_io_set_rcvbuf(acd_io_session_t* session, acd_io_rcvbuf_t* rcvbuf)
@@ -317,16 +312,7 @@ void acd_io_set_download_fp(acd_io_session_t* session, FILE* fp)
 size_t acd_io_rcvbuf_func(void* b, size_t sz, size_t n, void* data)
 {
     auto* rcvbuf = static_cast<acd_io_rcvbuf_t*>(data);
-    size_t len = sz * n;
-    rcvbuf->buf = static_cast<char*>(safe_realloc(rcvbuf->buf, rcvbuf->sz + len + 1));
-    if (!rcvbuf->buf) {
-        rcvbuf->sz = 0;
-        return 0;
-    }
-    std::memcpy(rcvbuf->buf + rcvbuf->sz, b, len);
-    rcvbuf->sz += len;
-    rcvbuf->buf[rcvbuf->sz] = '\0';
-    return len;
+    return append_bytes(rcvbuf->buf, rcvbuf->sz, b, sz * n);
 }
 
 acd_io_err_action __acd_io_get_curl_error_action(CURLcode code)

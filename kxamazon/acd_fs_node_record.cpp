@@ -60,12 +60,6 @@ private:
     size_t room_; // the closing NUL included
 };
 
-template <class Record>
-Record* new_record()
-{
-    return static_cast<Record*>(std::calloc(1, sizeof(Record)));
-}
-
 // A copy of the text; of the empty one when it is null.
 char* copy_or_empty(const char* text)
 {

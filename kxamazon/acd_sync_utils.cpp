@@ -19,13 +19,6 @@ constexpr nas_cloud_drive_path_schema_t s_nas_cloud_drive_path_schema = NAS_CLOU
 constexpr std::string_view hostname_prefix = "/Korvane_";
 constexpr std::string_view default_hostname_form = "/nas-xx-xx-xx"; // x: a hex digit
 
-// Records are freed with free(), so they come from calloc.
-template <class Record>
-Record* new_record()
-{
-    return static_cast<Record*>(std::calloc(1, sizeof(Record)));
-}
-
 bool is_root_drive(const char* cloud_drive_path)
 {
     return std::strcmp(cloud_drive_path, "/") == 0;

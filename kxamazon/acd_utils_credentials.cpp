@@ -36,18 +36,6 @@ public:
     ~renewal_scope() { renewing = false; }
 };
 
-void clear(const char*& text)
-{
-    std::free(const_cast<char*>(text));
-    text = nullptr;
-}
-
-void replace(const char*& text, const char* value)
-{
-    clear(text);
-    text = safe_strdup(value);
-}
-
 // ---- Settings file ----
 
 bool read_line(FILE* file, char (&line)[line_size])
@@ -227,8 +215,8 @@ int acd_account_get_endpoint()
     }
     json_ptr json(json_parse_string(reply.buf));
     const JSON_Object* urls = json_value_get_object(json.get());
-    replace(global.content_url, json_object_get_string(urls, "contentUrl"));
-    replace(global.metadata_url, json_object_get_string(urls, "metadataUrl"));
+    replace_text(global.content_url, json_object_get_string(urls, "contentUrl"));
+    replace_text(global.metadata_url, json_object_get_string(urls, "metadataUrl"));
     if (g_verbose > 2)
         dump_json_value_flex("account_info", json.get());
     return 0;
@@ -255,10 +243,10 @@ int acd_refresh_token()
 
 void _free_global()
 {
-    clear(global.token);
-    clear(global.refresh);
-    clear(global.metadata_url);
-    clear(global.content_url);
+    replace_text(global.token, nullptr);
+    replace_text(global.refresh, nullptr);
+    replace_text(global.metadata_url, nullptr);
+    replace_text(global.content_url, nullptr);
 }
 
 int _http_response_handler(int http_code, const char* msg)

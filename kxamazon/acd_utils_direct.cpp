@@ -80,17 +80,8 @@ int dbgfunc(CURL*, curl_infotype infotype, char* b, size_t len, void*)
 
 size_t rcvfunc(void* b, size_t sz, size_t n, void* data)
 {
-    auto reply = static_cast<rcvbuf*>(data);
-    size_t size = sz * n;
-    reply->buf = static_cast<char*>(safe_realloc(reply->buf, reply->sz + size + 1));
-    if (!reply->buf) {
-        reply->sz = 0;
-        return 0;
-    }
-    std::memcpy(reply->buf + reply->sz, b, size);
-    reply->sz += size;
-    reply->buf[reply->sz] = '\0';
-    return size;
+    auto* reply = static_cast<rcvbuf*>(data);
+    return append_bytes(reply->buf, reply->sz, b, sz * n);
 }
 
 int direct_call(const direct_call_t& call, direct_reply_t& reply)
