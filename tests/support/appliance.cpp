@@ -1,5 +1,6 @@
 #include "support/appliance.h"
 
+#include <csignal>
 #include <filesystem>
 #include <regex>
 #include <unistd.h>
@@ -49,6 +50,18 @@ std::unique_ptr<process> appliance::start(std::vector<std::string> env, const st
     env.push_back("KXTEST_CLOUD_URL=" + cloud_url);
     return std::make_unique<process>(std::vector<std::string>{program("kxamazon"), "-d", "-v", verbosity},
                                      env);
+}
+
+bool appliance::watches(const process& service, const std::string& folder, double seconds)
+{
+    const std::string line = "DidAdd: add_watch(" + folder + ") ";
+    return eventually([&] { return service.err().find(line) != std::string::npos; }, seconds);
+}
+
+int appliance::stop(process& service)
+{
+    service.signal(SIGUSR1);
+    return service.wait(30);
 }
 
 std::string appliance::status(const std::string& element) const

@@ -26,6 +26,13 @@ struct appliance {
     std::unique_ptr<process> start(std::vector<std::string> env = {},
                                    const std::string& verbosity = "3") const;
 
+    // Whether it watches a folder before long: what changes before that, finds nobody looking. The default
+    // folder is the last.
+    static bool watches(const process& service, const std::string& folder, double seconds = 30);
+    bool is_live(const process& service) const { return watches(service, drive); }
+    bool is_live_now(const process& service) const { return watches(service, drive, 0); }
+    static int stop(process& service); // in order; its status
+
     std::string cloud_url;
     std::string root = new_folder("appliance");
     std::string volume = root + "/data";

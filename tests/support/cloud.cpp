@@ -50,6 +50,7 @@ http_reply_t send(const std::string& url, const std::string& method, const std::
     request.method = method;
     request.path = target;
     request.body = body;
+    request.set_header("Authorization", "Bearer any");
     httplib::Result result = client.send(request);
     return result ? http_reply_t{result->status, result->body} : http_reply_t{0, ""};
 }
@@ -97,6 +98,11 @@ void cloud::connect() const
     set(global.metadata_url, url_ + "/metadata/");
 }
 
+http_reply_t cloud::ask(const std::string& method, const std::string& target, const std::string& body) const
+{
+    return send(url_, method, target, body);
+}
+
 http_reply_t cloud::get(const std::string& path) const
 {
     return send(url_, "GET", "/files" + escaped(path));
@@ -136,6 +142,24 @@ json cloud::stat(const std::string& path) const
 {
     http_reply_t reply = send(url_, "GET", "/files" + escaped(path) + "?stat");
     return reply.status == 200 ? json::parse(reply.body) : json();
+}
+
+contents_t cloud::contents(const std::string& folder) const
+{
+    contents_t all;
+    const http_reply_t reply = get(folder.empty() ? "/" : folder);
+    if (reply.status != 200)
+        return all;
+    const json listing = json::parse(reply.body);
+    for (const json& node : listing["data"]) {
+        const std::string name = node["name"];
+        const bool is_file = node["kind"] == "FILE";
+        all[name] = is_file ? node["contentProperties"]["md5"] : json("");
+        if (!is_file)
+            for (const auto& [path, content] : contents(folder + "/" + name))
+                all[name + "/" + path] = content;
+    }
+    return all;
 }
 
 void cloud::fail(const json& fault) const

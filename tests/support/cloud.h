@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "support/process.h"
+#include "support/support.h"
 
 namespace kxtest
 {
@@ -31,6 +32,10 @@ public:
     // Points this program at the cloud: the test constants, and global's tokens and base URLs.
     void connect() const;
 
+    // One of the drive's own requests, with a token that serves until expire_token().
+    http_reply_t ask(const std::string& method, const std::string& target,
+                     const std::string& body = "") const;
+
     // The path door: another client of the same drive.
     http_reply_t get(const std::string& path) const;
     void put(const std::string& path, const std::string& content) const;
@@ -40,6 +45,8 @@ public:
     void move(const std::string& path, const std::string& new_parent) const;
     bool has(const std::string& path) const;
     nlohmann::json stat(const std::string& path) const; // the node object at a path; null when there is none
+
+    contents_t contents(const std::string& folder) const; // "" is the root; of a missing folder, nothing
 
     // The control door.
     // Applies the fault to the next matching requests, e.g.

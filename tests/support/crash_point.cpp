@@ -97,26 +97,18 @@ INTERPOSE(size_t, fwrite, (const void* data, size_t size, size_t count, FILE* fi
           (data, size, count, file), file == stderr ? 2 : -1)
 INTERPOSE(int, fflush, (FILE * file), (file), file == stderr ? 2 : -1)
 
-extern "C" int open(const char* path, int flags, ...)
-{
-    static const auto real = reinterpret_cast<int (*)(const char*, int, ...)>(dlsym(RTLD_NEXT, "open"));
-    va_list more;
-    va_start(more, flags);
-    const mode_t mode = flags & O_CREAT ? va_arg(more, mode_t) : 0;
-    va_end(more);
-    if (flags & (O_WRONLY | O_RDWR | O_CREAT))
-        step("open");
-    return real(path, flags, mode);
-}
+#define INTERPOSE_OPEN(name)                                                                                 \
+    extern "C" int name(const char* path, int flags, ...)                                                    \
+    {                                                                                                        \
+        static const auto real = reinterpret_cast<int (*)(const char*, int, ...)>(dlsym(RTLD_NEXT, #name));  \
+        va_list more;                                                                                        \
+        va_start(more, flags);                                                                               \
+        const mode_t mode = flags & O_CREAT ? va_arg(more, mode_t) : 0;                                      \
+        va_end(more);                                                                                        \
+        if (flags & (O_WRONLY | O_RDWR | O_CREAT))                                                           \
+            step(#name);                                                                                     \
+        return real(path, flags, mode);                                                                      \
+    }
 
-extern "C" int open64(const char* path, int flags, ...)
-{
-    static const auto real = reinterpret_cast<int (*)(const char*, int, ...)>(dlsym(RTLD_NEXT, "open64"));
-    va_list more;
-    va_start(more, flags);
-    const mode_t mode = flags & O_CREAT ? va_arg(more, mode_t) : 0;
-    va_end(more);
-    if (flags & (O_WRONLY | O_RDWR | O_CREAT))
-        step("open64");
-    return real(path, flags, mode);
-}
+INTERPOSE_OPEN(open)
+INTERPOSE_OPEN(open64)

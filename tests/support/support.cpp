@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <openssl/evp.h>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -87,6 +88,26 @@ std::vector<std::string> tree_of(const std::string& folder)
         paths.push_back(entry.path().lexically_relative(folder).string() + (entry.is_directory() ? "/" : ""));
     std::sort(paths.begin(), paths.end());
     return paths;
+}
+
+contents_t contents_of(const std::string& folder)
+{
+    contents_t contents;
+    for (const auto& entry : fs::recursive_directory_iterator(folder))
+        contents[entry.path().lexically_relative(folder)] =
+            entry.is_directory() ? "" : md5_of(read_file(entry.path()));
+    return contents;
+}
+
+std::string md5_of(const std::string& text)
+{
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned size = 0;
+    EVP_Digest(text.data(), text.size(), digest, &size, EVP_md5(), nullptr);
+    std::string hex;
+    for (unsigned i = 0; i < 2 * size; i++)
+        hex += "0123456789abcdef"[digest[i / 2] >> (i % 2 ? 0 : 4) & 15];
+    return hex;
 }
 
 std::string output_of(int fd, const std::function<void()>& run)

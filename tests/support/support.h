@@ -3,6 +3,7 @@
 
 #include <ctime>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,11 @@ bool exists(const std::string& path);           // of the entry itself, links no
 time_t mtime_of(const std::string& path);       // 0 when missing
 std::vector<std::string>
 tree_of(const std::string& folder); // relative paths, sorted, folders with a "/" behind
+
+// A tree by relative path: "" for a folder, the MD5 of its content for a file.
+using contents_t = std::map<std::string, std::string>;
+contents_t contents_of(const std::string& folder); // throws when it changes under the reading
+std::string md5_of(const std::string& text);
 
 // What the function writes to the log at this verbosity, in standard-error mode with the escapes and places
 // taken off: lines of the form "error: text".

@@ -6,6 +6,7 @@
 #include "common/constants.h"
 #include "common/utils.h"
 #include "kxamazon/acd_fs.h"
+#include "kxamazon/acd_sync_downsync.h"
 #include "kxamazon/acd_sync_utils.h"
 #include "kxamazon/acd_utils.h"
 #include "kxamazon/global.h"
@@ -59,6 +60,31 @@ std::string sync_test::events()
 std::string sync_test::log(const std::function<void()>& run, int verbosity) const
 {
     return relative(log_of(run, verbosity));
+}
+
+pairs_test::pairs_test() : pairs_(acd_sync_create_sync_pair_list())
+{
+    for (auto [local, cloud] : {std::pair("/P", "/Korvane_nas1/Photos"), {"/D", "/"}}) {
+        fs::create_directory(base_ + local);
+        add_pair(pairs_.get(), base_ + local, cloud);
+    }
+    global.sync_pairs = pairs_.get();
+    cloud_.set_clock_offset(-3600);
+}
+
+pairs_test::~pairs_test()
+{
+    global.sync_pairs = nullptr;
+}
+
+int pairs_test::pass(const std::string& local, const std::string& cloud)
+{
+    return acd_downsync_cloud_drive_path(cloud.c_str(), cloud.c_str(), (base_ + local).c_str());
+}
+
+int pairs_test::full_passes()
+{
+    return pass("/P", "/Korvane_nas1/Photos") + pass("/D", "/");
 }
 
 time_t sync_test::cloud_time(const std::string& path) const

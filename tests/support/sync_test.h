@@ -8,7 +8,7 @@
 #include <string>
 
 #include "common/owners.h"
-#include "kxamazon/acd_sync_pair.h"
+#include "kxamazon/acd_sync_utils.h"
 #include "support/cloud.h"
 
 namespace kxtest
@@ -39,6 +39,24 @@ private:
     std::string relative(const std::string& text) const;
 
     file_ptr event_log_;
+};
+
+// The pairs P (/Korvane_nas1/Photos) and D (/), with empty folders. The cloud's clock is an hour behind.
+class pairs_test : public sync_test
+{
+protected:
+    pairs_test();
+    ~pairs_test() override;
+
+    // What the cloud does from now on is newer than all that is there.
+    void later() { cloud_.set_clock_offset(clock_offset_ += 10); }
+
+    // The full passes to the local side: from a cloud folder to a local one, and of both pairs.
+    int pass(const std::string& local, const std::string& cloud);
+    int full_passes();
+
+    sync_pair_list_ptr pairs_;
+    int clock_offset_ = 0;
 };
 
 } // namespace kxtest

@@ -5,7 +5,6 @@
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
-#include <openssl/evp.h>
 #include <random>
 #include <sys/stat.h>
 #include <thread>
@@ -13,6 +12,7 @@
 #include "support/support.h"
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 using nlohmann::json;
 
 namespace kxtest
@@ -26,37 +26,11 @@ constexpr long stretch_sec = 1000;
 const double weights[KIND_COUNT] = {8, 6, 3, 2, 4, 4, 4, 8, 6, 3, 5, 5, 4, 4, 6, 3, 4, 5, 3};
 
 const std::string longest(251, 'L');
-const std::vector<std::string> names = {"a",
-                                        "b.txt",
-                                        "two words",
-                                        "it's",
-                                        "100%",
-                                        "p%20q",
-                                        "\xc3\xbc\xe6\x97\xa5\xf0\x9f\x8e\xb5",
-                                        longest + ".txt",
-                                        ".hidden",
-                                        "-rf",
-                                        "semi;colon & co",
-                                        "(x)[y]{z}",
-                                        "plus+sign=1",
-                                        "#hash",
-                                        "Mixed Case"};
+const char* const names[] = {
+    "a",       "b.txt", "two words",       "it's",      "100%",        "p%20q", "\u00fc\u65e5\U0001f3b5",
+    ".hidden", "-rf",   "semi;colon & co", "(x)[y]{z}", "plus+sign=1", "#hash", "Mixed Case"};
 // A local name goes into the requests' JSON as it is, so the service cannot send these; the cloud can.
 const std::vector<std::string> cloud_names = {"d\"q", "back\\slash", "new\nline", "tab\there"};
-
-std::string md5(const std::string& text)
-{
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned size = 0;
-    EVP_Digest(text.data(), text.size(), digest, &size, EVP_md5(), nullptr);
-    std::string hex;
-    for (unsigned i = 0; i < size; i++) {
-        char pair[3];
-        std::snprintf(pair, sizeof pair, "%02x", digest[i]);
-        hex += pair;
-    }
-    return hex;
-}
 
 std::string lower(std::string text)
 {
@@ -111,9 +85,7 @@ void move(tree_t& tree, const std::string& from, const std::string& to)
 // A line of the story: what does not fit one is written short.
 std::string one_line(const std::string& path)
 {
-    std::string text;
-    for (char c : path)
-        text += c == '\n' ? std::string("\\n") : c == '\t' ? std::string("\\t") : std::string(1, c);
+    std::string text = json(path).dump();
     const std::string tail = longest.substr(1); // the first letter may change its case
     for (size_t at; (at = text.find(tail)) != std::string::npos;)
         text.replace(at, tail.size(), "{250}");
@@ -125,15 +97,29 @@ bool can_be_sent(const std::string& path)
     return path.find_first_of("\"\\\n\t") == std::string::npos;
 }
 
-std::string shown(const entry_t& entry)
+std::string shown(const std::string& entry)
 {
-    return entry.is_dir ? "folder" : "file " + entry.content;
+    return entry.empty() ? "folder" : "file " + entry;
 }
 
-void set_time(const std::string& path, time_t time)
+std::string compared(const std::string& side, const tree_t& model, const tree_t& real)
 {
-    timespec times[2] = {{time, 0}, {time, 0}};
-    utimensat(AT_FDCWD, path.c_str(), times, 0);
+    std::string text;
+    for (const auto& [path, entry] : model)
+        if (auto found = real.find(path); found == real.end())
+            text += side + " lacks " + path + " (" + shown(entry) + ")\n";
+        else if (found->second != entry)
+            text += side + " has " + path + " as " + shown(found->second) + ", not as " + shown(entry) + "\n";
+    for (const auto& [path, entry] : real)
+        if (!model.contains(path))
+            text += side + " has " + path + " (" + shown(entry) + ") too many\n";
+    return text;
+}
+
+bool holds(const tree_t& tree, const std::string& path, const std::string& entry)
+{
+    const auto found = tree.find(path);
+    return found != tree.end() && found->second == entry;
 }
 
 } // namespace
@@ -197,11 +183,11 @@ void twin_world::tell(const std::string& line)
 
 // ---- Choices ----
 
-std::string twin_world::pick(const tree_t& tree, unsigned draw, bool want_dir, bool want_file) const
+std::string twin_world::pick(unsigned draw, bool folders_too) const
 {
     paths_t fit;
-    for (const auto& [path, entry] : tree)
-        if (entry.is_dir ? want_dir : want_file)
+    for (const auto& [path, entry] : local_)
+        if (folders_too || !entry.empty())
             fit.push_back(path);
     return fit.empty() ? "" : fit[draw % fit.size()];
 }
@@ -210,7 +196,7 @@ std::string twin_world::pick_folder(unsigned draw) const
 {
     paths_t folders = {"D", "P"};
     for (const auto& [path, entry] : local_)
-        if (entry.is_dir && std::count(path.begin(), path.end(), '/') < 4)
+        if (entry.empty() && std::count(path.begin(), path.end(), '/') < 4)
             folders.push_back(path);
     return folders[draw % folders.size()];
 }
@@ -219,18 +205,20 @@ std::string twin_world::pick_folder(unsigned draw) const
 std::string twin_world::free_path(const std::string& folder, const std::string& name) const
 {
     const std::string path = folder + "/" + name;
-    const auto taken = [&](const auto& tree) {
-        return std::any_of(tree.begin(), tree.end(),
-                           [&](const auto& each) { return lower(each.first) == lower(path); });
-    };
-    const bool just_left =
-        std::any_of(gone_.begin(), gone_.end(), [&](auto& each) { return lower(each) == lower(path); });
-    return name.size() > 255 || taken(local_) || taken(remote_) || taken(risk_) || just_left ? "" : path;
+    paths_t taken(gone_.begin(), gone_.end());
+    for (const tree_t* tree : {&local_, &remote_})
+        for (const auto& [each, entry] : *tree)
+            taken.push_back(each);
+    for (const auto& [each, entry] : risk_)
+        taken.push_back(each);
+    const auto is_same = [&](const std::string& each) { return lower(each) == lower(path); };
+    return name.size() > 255 || std::any_of(taken.begin(), taken.end(), is_same) ? "" : path;
 }
 
 std::string twin_world::new_name(const std::string& folder, const step_t& step, side_t side) const
 {
-    paths_t pool = names;
+    paths_t pool(std::begin(names), std::end(names));
+    pool.push_back(longest + ".txt");
     if (side == cloud_side)
         pool.insert(pool.end(), cloud_names.begin(), cloud_names.end());
     const std::string& name = pool[step.draw[2] % pool.size()];
@@ -238,6 +226,11 @@ std::string twin_world::new_name(const std::string& folder, const step_t& step, 
         if (std::string path = free_path(folder, i == 0 ? name : name + std::to_string(i)); !path.empty())
             return path;
     return free_path(folder, "n" + std::to_string(step_));
+}
+
+std::string twin_world::new_or_old_file(const step_t& step, side_t side, bool is_new) const
+{
+    return is_new ? new_name(pick_folder(step.draw[0]), step, side) : pick(step.draw[0], false);
 }
 
 std::string twin_world::new_content(unsigned draw)
@@ -260,104 +253,13 @@ bool twin_world::has_orphans(const std::string& path) const
 bool twin_world::darkens_others(const std::string& folder) const
 {
     return std::any_of(local_.begin(), local_.end(), [&](const auto& each) {
-        return each.second.is_dir && each.first.starts_with(folder) && !related(each.first, folder);
+        return each.second.empty() && each.first.starts_with(folder) && !related(each.first, folder);
     });
 }
 
-// ---- Order ----
-
-void twin_world::note(side_t side, const std::string& path, bool structural)
-{
-    pending_.push_back({side, path, structural});
-}
-
-// Steps that touch each other's places wait until the sides agree: what is decided then does not depend on
-// which of them the service sees first. Two are let through: any edits of a local side that nobody watches,
-// and a cloud folder that is renamed or moved after such edits below it.
-void twin_world::prepare(side_t side, const paths_t& paths, bool structural, bool carries_edits)
-{
-    const auto clash = [&](const pending_t& pending) {
-        const bool offline_edit = !service_ && pending.side == local_side && !pending.structural;
-        if (offline_edit && side == local_side && !structural)
-            return false;
-        if (offline_edit && side == cloud_side && carries_edits)
-            return false;
-        return std::any_of(paths.begin(), paths.end(),
-                           [&](auto& path) { return related(path, pending.path); });
-    };
-    if (std::any_of(pending_.begin(), pending_.end(), clash))
-        settle();
-    if (side == local_side && service_)
-        await_live();
-    enter_step();
-}
-
-// ---- Local steps ----
-
-void twin_world::local_write(const step_t& step, bool is_new)
-{
-    std::string path = is_new ? new_name(pick_folder(step.draw[0]), step, local_side)
-                              : pick(local_, step.draw[0], false, true);
-    if (path.empty())
-        return;
-    prepare(local_side, {path}, false);
-    const std::string content = new_content(step.draw[1]);
-    tell("local write " + path);
-    if (remote_.contains(path))
-        risk_.emplace(path, remote_[path]);
-    note(local_side, path, false);
-    local_[path] = remote_[path] = {false, md5(content)};
-    write_file(local_path(path), content, now() + stretch_sec / 2);
-}
-
-void twin_world::local_tree(const step_t& step)
-{
-    const std::string top = new_name(pick_folder(step.draw[0]), step, local_side);
-    if (top.empty())
-        return;
-    prepare(local_side, {top}, false);
-    tell("local tree " + top);
-    note(local_side, top, false);
-    const auto folder = [&](const std::string& path) {
-        local_[path] = remote_[path] = {true, ""};
-        fs::create_directory(local_path(path));
-    };
-    const auto file = [&](const std::string& path, unsigned draw) {
-        const std::string content = new_content(draw);
-        local_[path] = remote_[path] = {false, md5(content)};
-        write_file(local_path(path), content, now() + stretch_sec / 2);
-    };
-    folder(top);
-    file(top + "/one", step.draw[1]);
-    folder(top + "/sub one");
-    folder(top + "/sub one/deep");
-    file(top + "/sub one/deep/two", step.draw[3]);
-    folder(top + "/empty");
-}
-
-// As editors save: a temporary file, renamed over the old one.
-void twin_world::local_save_as(const step_t& step)
-{
-    const std::string path = pick(local_, step.draw[0], false, true);
-    const std::string temporary =
-        path.empty() ? "" : free_path(folder_of(path), ".save~" + std::to_string(step_));
-    if (temporary.empty())
-        return;
-    prepare(local_side, {path, temporary}, false);
-    const std::string content = new_content(step.draw[1]);
-    tell("local save as " + path);
-    risk_.emplace(path, remote_[path]);
-    risk_.emplace(temporary, entry_t{false, md5(content)});
-    note(local_side, path, true);
-    note(local_side, temporary, true);
-    gone_.insert(temporary);
-    local_[path] = remote_[path] = {false, md5(content)};
-    write_file(local_path(temporary), content, now() + stretch_sec / 2);
-    fs::rename(local_path(temporary), local_path(path));
-}
-
-// The new path of a rename or move; empty when there is none to be had.
-std::string twin_world::new_place(const step_t& step, const std::string& path, bool is_move, side_t side)
+// The new path of a rename or move.
+std::string twin_world::new_place(const step_t& step, const std::string& path, bool is_move,
+                                  side_t side) const
 {
     if (is_move) {
         const std::string folder = pick_folder(step.draw[1]);
@@ -371,179 +273,192 @@ std::string twin_world::new_place(const step_t& step, const std::string& path, b
     return gone_.contains(folder_of(path) + "/" + name) ? "" : folder_of(path) + "/" + name;
 }
 
-// A move keeps the name and a rename the folder, so that each is one request: one that a crash cuts in two
-// leaves the node halfway in the cloud and a second one at its new local place.
-void twin_world::local_relocate(const step_t& step, bool is_move)
+// ---- Order ----
+
+// Steps that touch each other's places wait until the sides agree: what is decided then does not depend on
+// which of them the service sees first. Two are let through: any edits of a local side that nobody watches,
+// and a cloud folder that is renamed or moved after such edits below it.
+void twin_world::prepare(side_t side, const paths_t& paths, change_t change, bool carries_edits)
 {
-    const std::string from = pick(local_, step.draw[0], true, true);
-    if (from.empty())
-        return;
-    // Should the old node be left behind, all names have to be made anew.
-    const paths_t all = with_below(local_, from);
-    if (!std::all_of(all.begin(), all.end(), can_be_sent))
-        return;
-    const std::string to = new_place(step, from, is_move, local_side);
-    if (to.empty())
-        return;
-    const bool darkens = local_[from].is_dir && darkens_others(from);
-    const bool in_peace = darkens || has_orphans(from);
-    if (in_peace)
+    const auto clash = [&](const pending_t& pending) {
+        const bool offline_edit = !service_ && pending.side == local_side && pending.change == an_edit;
+        if (offline_edit && (side == local_side ? change != structural : carries_edits))
+            return false;
+        return std::any_of(paths.begin(), paths.end(),
+                           [&](auto& path) { return related(path, pending.path); });
+    };
+    if (std::any_of(pending_.begin(), pending_.end(), clash))
         settle();
-    prepare(local_side, {from, to}, true);
-    if (!local_.contains(from) || remote_.contains(to))
-        return;
-    tell(std::string(is_move ? "local move " : "local rename ") + from + " -> " + to +
-         (service_ ? "" : " (nobody watches)"));
-    note(local_side, from, true);
-    note(local_side, to, true);
-    for (const std::string& each : with_below(remote_, from)) {
-        gone_.insert(each);
-        risk_.emplace(each, remote_[each]);
-    }
-    if (service_ || lower(from) == lower(to)) { // new letters are made up for
-        move(remote_, from, to);
-    } else { // the copies in the cloud stay, since nobody tells it
-        for (const std::string& each : with_below(local_, from))
-            remote_[to + each.substr(from.size())] = local_[each];
-    }
-    move(local_, from, to);
-    fs::rename(local_path(from), local_path(to));
-    if (in_peace)
-        settle();
-    if (darkens)
-        go_offline(false, 0);
+    if (side == local_side && service_)
+        await_live();
+    enter_step();
+    for (const std::string& path : paths)
+        pending_.push_back({side, path, change});
 }
 
-void twin_world::local_delete(const step_t& step)
+// ---- Steps ----
+
+void twin_world::put(side_t side, const std::string& path, const std::string& content)
 {
-    const std::string path = pick(local_, step.draw[0], true, true);
-    if (path.empty())
-        return;
-    prepare(local_side, {path}, true);
-    tell("local delete " + path + (service_ ? "" : " (nobody watches)"));
-    note(local_side, path, true);
+    local_[path] = remote_[path] = md5_of(content);
+    if (side == local_side)
+        write_file(local_path(path), content, now() + stretch_sec / 2);
+    else
+        cloud_.put(cloud_path(path), content);
+}
+
+void twin_world::make_folder(side_t side, const std::string& path)
+{
+    local_[path] = remote_[path] = "";
+    if (side == local_side)
+        fs::create_directory(local_path(path));
+    else
+        cloud_.mkdir(cloud_path(path));
+}
+
+// What goes away there, and what the cloud keeps of it when it does not hear of that.
+void twin_world::leave(side_t side, const std::string& path)
+{
     for (const std::string& each : with_below(remote_, path)) {
         gone_.insert(each);
-        risk_.emplace(each, remote_[each]);
+        if (side == local_side)
+            risk_.emplace(each, remote_[each]);
     }
-    erase(local_, path);
-    if (service_)
-        erase(remote_, path);
-    fs::remove_all(local_path(path));
 }
 
-// ---- Cloud steps ----
-
-void twin_world::cloud_write(const step_t& step, bool is_new)
+void twin_world::write(const step_t& step, side_t side, bool is_new)
 {
-    std::string path = is_new ? new_name(pick_folder(step.draw[0]), step, cloud_side)
-                              : pick(local_, step.draw[0], false, true);
+    const std::string path = new_or_old_file(step, side, is_new);
     if (path.empty())
         return;
-    prepare(cloud_side, {path}, false);
-    const std::string content = new_content(step.draw[1]);
-    tell("cloud write " + path);
-    note(cloud_side, path, false);
-    local_[path] = remote_[path] = {false, md5(content)};
-    cloud_.put(cloud_path(path), content);
+    prepare(side, {path}, an_edit);
+    tell((side == local_side ? "local "s : "cloud "s) + "write " + path);
+    if (side == local_side && remote_.contains(path))
+        risk_.emplace(path, remote_[path]);
+    put(side, path, new_content(step.draw[1]));
 }
 
-void twin_world::cloud_mkdir(const step_t& step)
+void twin_world::plant(const step_t& step, side_t side, bool)
 {
-    const std::string top = new_name(pick_folder(step.draw[0]), step, cloud_side);
+    const std::string top = new_name(pick_folder(step.draw[0]), step, side);
     if (top.empty())
         return;
-    prepare(cloud_side, {top}, false);
-    const std::string content = new_content(step.draw[1]);
-    tell("cloud tree " + top);
-    note(cloud_side, top, false);
-    for (const std::string& folder : {top, top + "/cloud sub", top + "/cloud sub/hollow"})
-        local_[folder] = remote_[folder] = {true, ""};
-    local_[top + "/cloud sub/file"] = remote_[top + "/cloud sub/file"] = {false, md5(content)};
-    cloud_.mkdir(cloud_path(top + "/cloud sub/hollow"));
-    cloud_.put(cloud_path(top + "/cloud sub/file"), content);
+    prepare(side, {top}, an_edit);
+    tell((side == local_side ? "local "s : "cloud "s) + "tree " + top);
+    make_folder(side, top);
+    put(side, top + "/one", new_content(step.draw[1]));
+    for (const char* folder : {"/sub one", "/sub one/deep", "/empty"})
+        make_folder(side, top + folder);
+    put(side, top + "/sub one/deep/two", new_content(step.draw[3]));
 }
 
-void twin_world::cloud_relocate(const step_t& step, bool is_move)
+// As editors save: a temporary file, renamed over the old one.
+void twin_world::save_as(const step_t& step, side_t, bool)
 {
-    const std::string from = pick(local_, step.draw[0], true, true);
-    const std::string to = from.empty() ? "" : new_place(step, from, is_move, cloud_side);
+    const std::string path = pick(step.draw[0], false);
+    const std::string temporary =
+        path.empty() ? "" : free_path(folder_of(path), ".save~" + std::to_string(step_));
+    if (temporary.empty())
+        return;
+    prepare(local_side, {path, temporary}, a_save);
+    const std::string content = new_content(step.draw[1]);
+    tell("local save as " + path);
+    risk_.emplace(path, remote_[path]);
+    risk_.emplace(temporary, md5_of(content));
+    gone_.insert(temporary);
+    local_[path] = remote_[path] = md5_of(content);
+    write_file(local_path(temporary), content, now() + stretch_sec / 2);
+    fs::rename(local_path(temporary), local_path(path));
+}
+
+// A move keeps the name and a rename the folder, so that each is one request: one that a crash cuts in two
+// leaves the node halfway in the cloud and a second one at its new local place.
+void twin_world::relocate(const step_t& step, side_t side, bool is_move)
+{
+    const std::string from = pick(step.draw[0], true);
+    // Should the old node be left behind, all names have to be made anew.
+    const paths_t all = with_below(local_, from);
+    if (from.empty() || (side == local_side && !std::all_of(all.begin(), all.end(), can_be_sent)))
+        return;
+    const std::string to = new_place(step, from, is_move, side);
     if (to.empty())
         return;
-    prepare(cloud_side, {from, to}, true, local_[from].is_dir);
-    if (!local_.contains(from) || remote_.contains(to))
+    const bool darkens = local_[from].empty() && darkens_others(from);
+    const bool in_peace = side == local_side && (darkens || has_orphans(from));
+    if (in_peace)
+        settle();
+    prepare(side, {from, to}, structural, side == cloud_side && local_[from].empty());
+    // The cloud may not know a folder yet, or what holds it.
+    if (!local_.contains(from) || remote_.contains(to) ||
+        (side == cloud_side && !cloud_.has(cloud_path(from))))
         return;
-    // A folder that the cloud does not know yet, or that holds one.
-    if (!cloud_.has(cloud_path(from)))
-        return;
-    tell(std::string(is_move ? "cloud move " : "cloud rename ") + from + " -> " + to);
-    note(cloud_side, from, true);
-    note(cloud_side, to, true);
-    const bool darkens = service_ && local_[from].is_dir && darkens_others(from);
-    for (const std::string& each : with_below(remote_, from)) {
-        gone_.insert(each);
-        if (!local_.contains(each))
+    tell((side == local_side ? "local "s : "cloud "s) + (is_move ? "move " : "rename ") + from + " -> " + to);
+    leave(side, from);
+    for (const std::string& each : with_below(remote_, from))
+        if (side == cloud_side && !local_.contains(each))
             returning_.emplace(to + each.substr(from.size()), remote_[each]);
-    }
+    if (side == cloud_side || service_ || lower(from) == lower(to)) // new letters are made up for
+        move(remote_, from, to);
+    else // the copies in the cloud stay, since nobody tells it
+        for (const std::string& each : with_below(local_, from))
+            remote_[to + each.substr(from.size())] = local_[each];
     move(local_, from, to);
-    move(remote_, from, to);
-    if (is_move)
+    if (side == local_side)
+        fs::rename(local_path(from), local_path(to));
+    else if (is_move)
         cloud_.move(cloud_path(from), folder_of(to) == "D" ? "/" : cloud_path(folder_of(to)));
     else
         cloud_.rename(cloud_path(from), name_of(to));
-    if (darkens) {
+    const bool awaited = in_peace || (darkens && service_);
+    if (awaited)
         settle();
+    if (awaited && darkens)
         go_offline(false, 0);
-    }
 }
 
 // A folder that goes in the cloud takes along what was written below it before: prepare() lets that go up
 // first.
-void twin_world::cloud_trash(const step_t& step)
+void twin_world::remove(const step_t& step, side_t side, bool)
 {
-    const std::string path = pick(local_, step.draw[0], true, true);
+    const std::string path = pick(step.draw[0], true);
     if (path.empty())
         return;
-    prepare(cloud_side, {path}, true);
-    tell("cloud trash " + path);
-    note(cloud_side, path, true);
-    for (const std::string& each : with_below(remote_, path))
-        gone_.insert(each);
+    prepare(side, {path}, structural);
+    tell((side == local_side ? "local "s : "cloud "s) + "delete " + path);
+    leave(side, path);
     erase(local_, path);
-    erase(remote_, path);
-    cloud_.trash(cloud_path(path));
+    if (side == cloud_side || service_)
+        erase(remote_, path);
+    if (side == local_side)
+        fs::remove_all(local_path(path));
+    else
+        cloud_.trash(cloud_path(path));
 }
 
 // The same file changed on both sides while the service was away: the times decide.
-void twin_world::conflict(const step_t& step)
+void twin_world::conflict(const step_t& step, side_t, bool)
 {
     const bool local_wins = step.draw[1] % 2;
     const bool is_new = step.draw[3] % 4 == 0;
     const bool is_trashed = step.draw[3] % 4 == 1;
-    std::string path = is_new ? new_name(pick_folder(step.draw[0]), step, local_side)
-                              : pick(local_, step.draw[0], false, true);
+    const std::string path = new_or_old_file(step, local_side, is_new);
     if (path.empty() || (is_trashed && !can_be_sent(name_of(path))))
         return;
-    prepare(cloud_side, {path}, true);
+    prepare(cloud_side, {path}, structural);
     go_offline(false, 0);
     if (is_new != !remote_.contains(path))
         return;
+    tell("both " + std::string(is_trashed ? "edit and trash " : "write ") + path +
+         (local_wins ? ", local newer" : ", cloud newer"));
     const std::string ours = new_content(step.draw[2]);
-    const std::string theirs = new_content(step.draw[2] + 1);
-    tell(std::string("both ") +
-         (is_new       ? "create "
-          : is_trashed ? "edit and trash "
-                       : "edit ") +
-         path + (local_wins ? ", local newer" : ", cloud newer"));
-    note(local_side, path, true);
-    write_file(local_path(path), ours, now() + (local_wins ? stretch_sec / 2 : -stretch_sec / 2));
     if (is_trashed)
         cloud_.trash(cloud_path(path));
     else
-        cloud_.put(cloud_path(path), theirs);
-    if (local_wins || !is_trashed) {
-        local_[path] = remote_[path] = {false, md5(local_wins ? ours : theirs)};
-    } else {
+        put(cloud_side, path, new_content(step.draw[2] + 1));
+    write_file(local_path(path), ours, now() + (local_wins ? stretch_sec / 2 : -stretch_sec / 2));
+    if (local_wins) {
+        local_[path] = remote_[path] = md5_of(ours);
+    } else if (is_trashed) {
         gone_.insert(path);
         erase(local_, path);
         erase(remote_, path);
@@ -555,21 +470,13 @@ void twin_world::conflict(const step_t& step)
 void twin_world::disturb(const step_t& step)
 {
     const char* const paths[] = {".", "content", "nodes", "changes", "trash", "children", "^/nodes"};
-    const json effects[] = {{{"status", 401}},
-                            {{"status", 429}},
-                            {{"status", 500}},
-                            {{"status", 503}},
-                            {{"status", 504}},
-                            {{"drop", true}},
-                            {{"drop", true}, {"reset", true}},
-                            {{"cut", 5}},
-                            {{"cut", 5000}},
-                            {{"cut", 100}, {"reset", true}},
-                            {{"status", 500}, {"run", true}},
-                            {{"drop", true}, {"run", true}}};
+    static const json effects = json::parse(
+        R"([{"status": 401}, {"status": 429}, {"status": 500}, {"status": 503}, {"status": 504},
+            {"drop": true}, {"drop": true, "reset": true}, {"cut": 5}, {"cut": 5000},
+            {"cut": 100, "reset": true}, {"status": 500, "run": true}, {"drop": true, "run": true}])");
     json faults = json::array();
     for (unsigned i = 0; i < 3; i++) {
-        json fault = effects[(step.draw[i] >> 8) % std::size(effects)];
+        json fault = effects[(step.draw[i] >> 8) % effects.size()];
         fault["path"] = paths[step.draw[i] % std::size(paths)];
         fault["skip"] = (step.draw[i] >> 16) % 5;
         fault["times"] = 1 + (step.draw[i] >> 20) % 3;
@@ -600,7 +507,18 @@ void twin_world::go_offline(bool kill, unsigned draw)
     interrupted_ = true;
     last_log_ = service_->err();
     service_.reset();
-    live_ = false;
+}
+
+void twin_world::control(const step_t& step)
+{
+    if (step.kind == SETTLE)
+        settle();
+    else if (step.kind == START)
+        start();
+    else if (step.kind == DISTURB)
+        disturb(step);
+    else
+        go_offline(step.kind == KILL, step.draw[0]);
 }
 
 void twin_world::start()
@@ -644,98 +562,60 @@ void twin_world::check_alive()
     start();
 }
 
+// Throws when that does not come in time, or the service ends.
+void twin_world::await(const std::string& otherwise, const std::function<bool()>& condition)
+{
+    const auto holds = [&] { return check_alive(), condition(); };
+    if (!eventually(holds, patience_sec_))
+        throw twin_failure(otherwise);
+}
+
 void twin_world::await_live()
 {
     if (live_)
         return;
-    const std::string line = "DidAdd: add_watch(" + nas_.drive + ") ";
-    live_ = eventually(
-        [&] {
-            check_alive();
-            return service_->err().find(line) != std::string::npos;
-        },
-        patience_sec_);
-    if (!live_)
-        throw twin_failure("the service is not live in time");
+    await("the service is not live in time", [this] { return nas_.is_live_now(*service_); });
+    live_ = true;
 }
 
 // ---- Agreement ----
 
-// Throws when the tree changes under the reading.
-tree_t twin_world::local_tree_now() const
+// Throws when the local tree changes under the reading.
+tree_t twin_world::tree_now(side_t side) const
 {
     tree_t tree;
-    for (const auto& [root, folder] : {std::pair{"D", nas_.drive}, std::pair{"P", nas_.photos}})
-        for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-            const std::string path = root + entry.path().string().substr(folder.size());
-            tree[path] =
-                entry.is_directory() ? entry_t{true, ""} : entry_t{false, md5(read_file(entry.path()))};
-        }
-    return tree;
-}
-
-void twin_world::read_cloud(const std::string& from, const std::string& path, tree_t& tree) const
-{
-    const http_reply_t reply = cloud_.get(from.empty() ? "/" : from);
-    if (reply.status != 200)
-        return;
-    const json listing = json::parse(reply.body);
-    for (const json& node : listing["data"]) {
-        const std::string name = node["name"];
-        if (path == "D" && name.starts_with("Korvane_"))
-            continue;
-        const bool is_dir = node["kind"] == "FOLDER";
-        tree[path + "/" + name] = {is_dir, is_dir ? "" : node["contentProperties"]["md5"].get<std::string>()};
-        if (is_dir)
-            read_cloud(from + "/" + name, path + "/" + name, tree);
+    for (const std::string root : {"D", "P"}) {
+        const contents_t part =
+            side == local_side ? contents_of(local_path(root)) : cloud_.contents(cloud_path(root));
+        for (const auto& [path, entry] : part)
+            if (root == "P" || !path.starts_with("Korvane_"))
+                tree[root + "/" + path] = entry;
     }
-}
-
-tree_t twin_world::cloud_tree_now() const
-{
-    tree_t tree;
-    read_cloud("", "D", tree);
-    read_cloud(nas_.cloud_photos, "P", tree);
     return tree;
 }
 
 std::string twin_world::difference(bool adopt)
 {
-    std::string text;
-    const auto compare = [&text](const char* side, const tree_t& model, const tree_t& real) {
-        for (const auto& [path, entry] : model)
-            if (auto found = real.find(path); found == real.end())
-                text += std::string(side) + " lacks " + path + " (" + shown(entry) + ")\n";
-            else if (found->second != entry)
-                text += std::string(side) + " has " + path + " as " + shown(found->second) + ", not as " +
-                        shown(entry) + "\n";
-        for (const auto& [path, entry] : real)
-            if (!model.contains(path))
-                text += std::string(side) + " has " + path + " (" + shown(entry) + ") too many\n";
-    };
-    tree_t real;
+    tree_t here;
     try {
-        real = local_tree_now();
+        here = tree_now(local_side);
     } catch (const fs::filesystem_error& error) {
         return error.what();
     }
-    tree_t local_model = local_;
+    tree_t local = local_, remote = remote_;
     for (const auto& [path, entry] : returning_)
-        if (auto found = real.find(path); interrupted_ && found != real.end() && found->second == entry)
-            local_model.emplace(path, entry);
-    compare("local", local_model, real);
-    if (!text.empty())
+        if (interrupted_ && holds(here, path, entry))
+            local.emplace(path, entry);
+    if (std::string text = compared("local", local, here); !text.empty())
         return text;
-    real = cloud_tree_now();
-    tree_t model = remote_;
+    const tree_t there = tree_now(cloud_side);
     for (const auto& [path, entry] : risk_)
-        if (auto found = real.find(path);
-            interrupted_ && found != real.end() && !remote_.contains(path) && found->second == entry)
-            model[path] = entry;
-    compare("cloud", model, real);
+        if (interrupted_ && holds(there, path, entry) && !remote_.contains(path))
+            remote[path] = entry;
+    std::string text = compared("cloud", remote, there);
     if (text.empty() && adopt) {
-        local_ = local_model;
-        remote_ = model;
+        local_ = local;
+        remote_ = remote;
     }
     return text;
 }
@@ -744,34 +624,25 @@ std::string twin_world::difference(bool adopt)
 void twin_world::quiesce()
 {
     cloud_.forget_requests();
-    const bool quiet = eventually(
-        [&] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(40));
-            check_alive();
-            return cloud_.count("POST", "changes") >= 2;
-        },
-        patience_sec_);
-    if (!quiet)
-        throw twin_failure("the cloud is not polled any more");
+    await("the cloud is not polled any more", [this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(40));
+        return cloud_.count("POST", "changes") >= 2;
+    });
 }
 
 void twin_world::await_agreement()
 {
     std::string left;
-    const bool agreed = eventually(
-        [&] {
-            check_alive();
-            if ((left = difference(false)).empty())
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            return false;
-        },
-        patience_sec_);
-    if (agreed) {
-        quiesce();
-        left = difference(true);
+    try {
+        await("", [&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(left.empty() ? 0 : 50));
+            return (left = difference(false)).empty();
+        });
+    } catch (const twin_failure& failure) {
+        throw twin_failure(failure.what() + left);
     }
-    if (!left.empty())
+    quiesce();
+    if (left = difference(true); !left.empty())
         throw twin_failure(left);
 }
 
@@ -794,9 +665,10 @@ void twin_world::settle()
     gone_.clear();
     interrupted_ = false;
     // A folder's time is that of its last change, as it is where both clocks show the same time.
+    const timespec times[] = {{now(), 0}, {now(), 0}};
     for (const auto& [path, entry] : local_)
-        if (entry.is_dir)
-            set_time(local_path(path), now());
+        if (entry.empty())
+            utimensat(AT_FDCWD, local_path(path).c_str(), times, 0);
 }
 
 void twin_world::finish()
@@ -809,61 +681,36 @@ void twin_world::finish()
     await_live();
     await_agreement();
     go_offline(false, 0);
-    int transfers = 0;
-    std::string which;
+    std::string sent;
     for (const json& request : cloud_.requests()) {
         const std::string method = request["method"], path = request["path"];
         if (method == "PUT" || method == "PATCH" || path.find("content") != std::string::npos ||
-            (method == "POST" && path.find("nodes") != std::string::npos)) {
-            transfers++;
-            which += method + " " + path + " " + request["body"].get<std::string>().substr(0, 300) + "\n";
-        }
+            (method == "POST" && path.find("nodes") != std::string::npos))
+            sent += method + " " + path + " " + request["body"].get<std::string>().substr(0, 300) + "\n";
     }
-    if (transfers)
-        throw twin_failure("a restart after the agreement sends\n" + which);
+    if (!sent.empty())
+        throw twin_failure("a restart after the agreement sends\n" + sent);
 }
 
 void twin_world::take(const step_t& step)
 {
-    switch (step.kind) {
-    case LOCAL_CREATE:
-        return local_write(step, true);
-    case LOCAL_EDIT:
-        return local_write(step, false);
-    case LOCAL_TREE:
-        return local_tree(step);
-    case LOCAL_SAVE_AS:
-        return local_save_as(step);
-    case LOCAL_RENAME:
-        return local_relocate(step, false);
-    case LOCAL_MOVE:
-        return local_relocate(step, true);
-    case LOCAL_DELETE:
-        return local_delete(step);
-    case CLOUD_CREATE:
-        return cloud_write(step, true);
-    case CLOUD_EDIT:
-        return cloud_write(step, false);
-    case CLOUD_MKDIR:
-        return cloud_mkdir(step);
-    case CLOUD_RENAME:
-        return cloud_relocate(step, false);
-    case CLOUD_MOVE:
-        return cloud_relocate(step, true);
-    case CLOUD_TRASH:
-        return cloud_trash(step);
-    case CONFLICT:
-        return conflict(step);
-    case SETTLE:
-        return settle();
-    case STOP:
-    case KILL:
-        return go_offline(step.kind == KILL, step.draw[0]);
-    case START:
-        return start();
-    default:
-        return disturb(step);
-    }
+    static const struct {
+        void (twin_world::*run)(const step_t&, side_t, bool);
+        side_t side;
+        bool flag;
+    } operations[] = {
+        {&twin_world::write, local_side, true},     {&twin_world::write, local_side, false},
+        {&twin_world::plant, local_side, true},     {&twin_world::save_as, local_side, true},
+        {&twin_world::relocate, local_side, false}, {&twin_world::relocate, local_side, true},
+        {&twin_world::remove, local_side, true},    {&twin_world::write, cloud_side, true},
+        {&twin_world::write, cloud_side, false},    {&twin_world::plant, cloud_side, true},
+        {&twin_world::relocate, cloud_side, false}, {&twin_world::relocate, cloud_side, true},
+        {&twin_world::remove, cloud_side, true},    {&twin_world::conflict, cloud_side, true},
+    };
+    if (step.kind >= SETTLE)
+        return control(step);
+    const auto& [run, side, flag] = operations[step.kind];
+    (this->*run)(step, side, flag);
 }
 
 std::string twin_world::log() const

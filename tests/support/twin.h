@@ -20,14 +20,8 @@
 namespace kxtest
 {
 
-struct entry_t {
-    bool is_dir = false;
-    std::string content;
-    bool operator==(const entry_t&) const = default;
-};
-
 // By path: "D/..." in the default folder and the cloud's root, "P/..." in the share and its cloud folder.
-using tree_t = std::map<std::string, entry_t>;
+using tree_t = contents_t;
 
 // What may be asked of either side.
 enum kind_t {
@@ -88,10 +82,11 @@ public:
 
 private:
     enum side_t { local_side, cloud_side };
+    enum change_t { an_edit, a_save, structural };
     struct pending_t {
         side_t side;
         std::string path;
-        bool structural;
+        change_t change;
     };
     using paths_t = std::vector<std::string>;
 
@@ -102,43 +97,44 @@ private:
     void enter_step();
 
     // Choices, empty when there is none
-    std::string pick(const tree_t& tree, unsigned draw, bool want_dir, bool want_file) const;
+    std::string pick(unsigned draw, bool folders_too) const;
     std::string pick_folder(unsigned draw) const;
     std::string new_name(const std::string& folder, const step_t& step, side_t side) const;
+    std::string new_place(const step_t& step, const std::string& path, bool is_move, side_t side) const;
     std::string free_path(const std::string& folder, const std::string& name) const;
+    std::string new_or_old_file(const step_t& step, side_t side, bool is_new) const;
     std::string new_content(unsigned draw);
     bool has_orphans(const std::string& path) const;
     bool darkens_others(const std::string& folder) const;
 
     // Steps
-    void local_write(const step_t& step, bool is_new);
-    void local_tree(const step_t& step);
-    void local_save_as(const step_t& step);
-    void local_relocate(const step_t& step, bool is_move);
-    void local_delete(const step_t& step);
-    void cloud_write(const step_t& step, bool is_new);
-    void cloud_mkdir(const step_t& step);
-    void cloud_relocate(const step_t& step, bool is_move);
-    void cloud_trash(const step_t& step);
-    void conflict(const step_t& step);
+    void write(const step_t& step, side_t side, bool is_new);
+    void plant(const step_t& step, side_t side, bool);
+    void save_as(const step_t& step, side_t, bool);
+    void relocate(const step_t& step, side_t side, bool is_move);
+    void remove(const step_t& step, side_t side, bool);
+    void conflict(const step_t& step, side_t, bool);
+    void control(const step_t& step);
     void disturb(const step_t& step);
     void go_offline(bool kill, unsigned draw);
-    std::string new_place(const step_t& step, const std::string& path, bool is_move, side_t side);
+
+    // Their parts
+    void prepare(side_t side, const paths_t& paths, change_t change, bool carries_edits = false);
+    void put(side_t side, const std::string& path, const std::string& content);
+    void make_folder(side_t side, const std::string& path);
+    void leave(side_t side, const std::string& path);
+    void tell(const std::string& line);
 
     // The service
+    void await(const std::string& otherwise, const std::function<bool()>& condition);
     void await_agreement();
     void check_alive();
     bool is_crash(int status);
     void quiesce();
-    void prepare(side_t side, const paths_t& paths, bool structural, bool carries_edits = false);
-    void note(side_t side, const std::string& path, bool structural);
-    void tell(const std::string& line);
     void set_faults(nlohmann::json faults);
 
     // Comparison: an empty text when all is as the model says; the model then adopts what it left open.
-    tree_t local_tree_now() const;
-    tree_t cloud_tree_now() const;
-    void read_cloud(const std::string& from, const std::string& path, tree_t& tree) const;
+    tree_t tree_now(side_t side) const;
     std::string difference(bool adopt);
 
     cloud cloud_;
@@ -152,7 +148,7 @@ private:
     tree_t remote_;
     // What the cloud may hold besides: the places that a local move or delete left, when the service may have
     // ended before it passed it on. Nobody tells it afterwards, so the cloud's copy stays.
-    std::multimap<std::string, entry_t> risk_;
+    std::multimap<std::string, std::string> risk_;
     // What the local side may hold besides when the service was killed: a cloud move that is taken up again
     // brings the folder down whole, with what only the cloud held in it.
     tree_t returning_;
