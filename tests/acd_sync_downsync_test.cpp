@@ -55,37 +55,24 @@ protected:
                            string_ptr(safe_strdup(local_.c_str()))};
 };
 
-// The pairs P (/Korvane_nas1/Photos) and D (/), and places that no pair covers. As the cloud tells the time,
-// they were filled an hour ago.
-class downsync : public kxtest::sync_test
+// Beside the pairs' there are places that no pair covers. As the cloud tells the time, all was filled an hour
+// ago.
+class downsync : public kxtest::pairs_test
 {
 protected:
-    downsync() : pairs_(acd_sync_create_sync_pair_list())
+    downsync()
     {
-        for (auto [local, cloud] : {std::pair("/P", "/Korvane_nas1/Photos"), {"/D", "/"}}) {
-            fs::create_directory(base_ + local);
-            kxtest::add_pair(pairs_.get(), base_ + local, cloud);
-        }
-        global.sync_pairs = pairs_.get();
-        cloud_.set_clock_offset(-3600);
         for (const char* path : {"/Korvane_nas1/Photos/a", "/Korvane_nas1/Photos/sub/b", "/Docs/d",
                                  "/Korvane_other/o", "/Korvane_other/box/in", "/nas-aa-bb-cc/n"})
             cloud_.put(path, path);
     }
-    ~downsync() override { global.sync_pairs = nullptr; }
-
-    int pass(const char* local, const char* cloud)
-    {
-        return acd_downsync_cloud_drive_path(cloud, cloud, (base_ + local).c_str());
-    }
-    int full_passes() { return pass("/P", "/Korvane_nas1/Photos") + pass("/D", "/"); }
 
     void poll() { EXPECT_EQ(acd_downsync_changes(pairs_.get()), 0); }
 
     // Another client's orders, separated by ";" ("@" is /Korvane_nas1/Photos), later than all that is there.
     void carry_out(const std::string& orders)
     {
-        cloud_.set_clock_offset(clock_offset_ += 10);
+        later();
         std::istringstream list(std::regex_replace(orders, std::regex("@"), "/Korvane_nas1/Photos"));
         for (std::string order; std::getline(list, order, ';');) {
             std::string verb, path, word;
@@ -117,8 +104,6 @@ protected:
         return text;
     }
 
-    sync_pair_list_ptr pairs_;
-    int clock_offset_ = 0;
     std::vector<std::string> tree_ = {"D/", "P/"};
 };
 

@@ -28,19 +28,12 @@ using testing::HasSubstr;
 namespace
 {
 
-// The pairs P (/Korvane_nas1/Photos) and D (/), and places that no pair covers. The first poll brings down
-// /Docs/d and /Docs/sub/e.
-class edges : public kxtest::sync_test
+// The first poll brings down /Docs/d and /Docs/sub/e; /Korvane_other belongs to no pair.
+class edges : public kxtest::pairs_test
 {
 protected:
-    edges() : pairs_(acd_sync_create_sync_pair_list())
+    edges()
     {
-        for (auto [local, cloud] : {std::pair("/P", "/Korvane_nas1/Photos"), {"/D", "/"}}) {
-            fs::create_directory(base_ + local);
-            kxtest::add_pair(pairs_.get(), base_ + local, cloud);
-        }
-        global.sync_pairs = pairs_.get();
-        cloud_.set_clock_offset(-3600);
         for (const char* path :
              {"/Docs/d", "/Docs/sub/e", "/Korvane_nas1/Photos/a", "/Korvane_other/box/in/deep"})
             cloud_.put(path, path);
@@ -48,21 +41,11 @@ protected:
         later();
         events();
     }
-    ~edges() override { global.sync_pairs = nullptr; }
-
-    // What the cloud does from now on is newer than all that is there.
-    void later() { cloud_.set_clock_offset(clock_offset_ += 10); }
 
     std::string poll()
     {
         return log([&] { EXPECT_EQ(acd_downsync_changes(pairs_.get()), 0); }, 2);
     }
-    int pass(const char* local, const char* cloud)
-    {
-        return acd_downsync_cloud_drive_path(cloud, cloud, (base_ + local).c_str());
-    }
-    int full_passes() { return pass("/P", "/Korvane_nas1/Photos") + pass("/D", "/"); }
-
     std::string at(const std::string& path) const { return read_file(base_ + path); }
     std::string tree(const std::string& path) const
     {
@@ -72,9 +55,6 @@ protected:
         return text;
     }
     int downloads() const { return cloud_.count("GET", "/content$"); }
-
-    sync_pair_list_ptr pairs_;
-    int clock_offset_ = 0;
 };
 
 } // namespace

@@ -9,7 +9,6 @@
 #include "support/support.h"
 
 using namespace kxtest;
-using testing::HasSubstr;
 using testing::MatchesRegex;
 
 namespace
@@ -54,35 +53,30 @@ TEST(Cipher, DeciphersWhatItEncipheredUpToTheBlockLimitOfEachKey)
 
 TEST(Cipher, RefusesWhatIsNoWholeBlockOrHasNoKey)
 {
-    const std::string unknown_2 = "error: Unknown module 2!\n", unknown_minus = "error: Unknown module -1!\n";
-    const std::string odd = "debug: strlen(hexstr)=255\n";
-    std::tuple<size_t, int, std::string> table[] = {
-        {255, 0, odd}, {255, 2, odd}, {256, 2, unknown_2}, {256, -1, unknown_minus}, {768, 1, ""}, {0, 1, ""},
+    const std::string odd = "debug: strlen\\(hexstr\\)=255\n", unknown = "error: Unknown module 2!\n";
+    // The last is a number above the modulus, which can be no ciphertext.
+    const std::tuple<size_t, char, int, std::string> rows[] = {
+        {255, 'A', 0, odd},
+        {256, 'A', 2, unknown},
+        {768, 'A', 1, ""},
+        {0, 'A', 1, ""},
+        {512, 'F', 1, "debug: Encryption Error. err=[0-9]+ [^\n]+\n"},
     };
-    for (const auto& [digits, module, log] : table)
-        EXPECT_EQ(
-            log_of([&, d = digits, m = module] { EXPECT_EQ(unseal(std::string(d, 'A'), m), "(null)"); }),
-            log);
-    EXPECT_EQ(log_of([] { EXPECT_EQ(seal("x", 2), "(null)"); }), unknown_2);
-    EXPECT_EQ(log_of([] { EXPECT_EQ(seal("x", -1), "(null)"); }), unknown_minus);
+    for (const auto& [digits, digit, module, log] : rows)
+        EXPECT_THAT(log_of([&, n = digits, c = digit, m = module] {
+                        EXPECT_EQ(unseal(std::string(n, c), m), "(null)");
+                    }),
+                    MatchesRegex(log));
+    EXPECT_EQ(log_of([] { EXPECT_EQ(seal("x", 2), "(null)"); }), unknown);
     EXPECT_EQ(seal("", 1), "");
     EXPECT_EQ(decrypt_hexstr2str(nullptr, 1), nullptr);
     EXPECT_EQ(encrypt_str2hexstr(nullptr, 1), nullptr);
-    EXPECT_EQ(alloc_RSA(2), nullptr);
-    // A number above the modulus can be no ciphertext.
-    EXPECT_THAT(log_of([] { EXPECT_EQ(unseal(std::string(512, 'F'), 1), "(null)"); }),
-                MatchesRegex("debug: Encryption Error. err=[0-9]+ [^\n]+\n"));
-}
-
-TEST(Cipher, TheBuildsClientCredentialIsReadable)
-{
-    EXPECT_EQ(std::string(kx_client_credential).size(), 512);
-    EXPECT_THAT(unseal(kx_client_credential, 1), MatchesRegex("[^:]+:.+"));
+    EXPECT_THAT(unseal(kx_client_credential, 1), MatchesRegex("[^:]+:.+")) << "the build's own";
 }
 
 TEST(Nonce, FillsExactlyTheLengthAskedForWithBase62)
 {
-    for (int length : {-1, 0, 1, 5, 7, 64}) {
+    for (int length : {-1, 0, 1, 64}) {
         std::string text(70, '#');
         gen_nonce_str(text.data(), length);
         size_t filled = length < 0 ? 0 : static_cast<size_t>(length);
@@ -90,48 +84,29 @@ TEST(Nonce, FillsExactlyTheLengthAskedForWithBase62)
                   filled);
         EXPECT_EQ(text.substr(filled), std::string(70 - filled, '#'));
     }
-    std::string a(20, '#'), b = a;
-    gen_nonce_str(a.data(), 20);
-    gen_nonce_str(b.data(), 20);
-    EXPECT_NE(a, b);
 }
 
 TEST(PlaintextSignature, EncodesBothSecretsAsOneValue)
 {
     EXPECT_EQ(text_of(oauth_sign_plaintext("a b", nullptr)), "a%20b%26");
-    EXPECT_EQ(text_of(oauth_sign_plaintext(nullptr, "aZ09-_.~")), "%26aZ09-_.~");
-    EXPECT_EQ(text_of(oauth_sign_plaintext("%/+", "\xC3\xA4")), "%25%2F%2B%26%C3%A4");
+    EXPECT_EQ(text_of(oauth_sign_plaintext("%/+", "\xC3\xA4_")), "%25%2F%2B%26%C3%A4_");
     EXPECT_EQ(text_of(oauth_sign_plaintext(std::string(2000, 'a').c_str(), "b")), std::string(1023, 'a'));
 }
 
-// Runs kxseal with these words and what the printf arguments print as its input.
-run_result_t run_kxseal(const std::string& printf_words, const std::string& words)
+TEST(Kxseal, SealsItsInputUntrimmedOrNothing)
 {
-    return run({"/bin/sh", "-c", "printf " + printf_words + " | " + program("kxseal") + " " + words});
-}
-
-TEST(Kxseal, SealsItsInputUntrimmed)
-{
-    for (int module : {0, 1}) {
-        run_result_t result = run_kxseal("' a b\\n'", std::to_string(module));
-        EXPECT_EQ(result.status, 0);
-        ASSERT_THAT(result.out, MatchesRegex("[0-9A-F]+\n"));
-        EXPECT_EQ(unseal(result.out.substr(0, result.out.size() - 1), module), " a b\n");
-    }
-}
-
-TEST(Kxseal, RefusesWhatItCannotSeal)
-{
-    struct {
-        const char *input, *words;
-    } table[] = {
-        {"x", ""},        {"x", "2"},       {"x", "-1"},        {"x", "1 1"},
-        {"%246s x", "1"}, {"%118s x", "0"}, {"'a\\000b'", "1"},
-    };
-    for (const auto& [input, words] : table) {
-        run_result_t result = run_kxseal(input, words);
-        EXPECT_EQ(result.status, 1) << words;
-        EXPECT_EQ(result.out, "") << words;
-        EXPECT_THAT(result.err, HasSubstr("kxseal")) << words;
+    const struct {
+        const char *input, *words, *text;
+    } rows[] = {{"' a b\\n'", "1", " a b\n"}, {"x", "2", nullptr},       {"x", "1 1", nullptr},
+                {"x", "", nullptr},           {"%118s x", "0", nullptr}, {"'a\\000b'", "1", nullptr}};
+    for (const auto& [input, words, text] : rows) {
+        const std::string line = std::string("printf ") + input + " | " + program("kxseal") + " " + words;
+        const run_result_t result = run({"/bin/sh", "-c", line});
+        EXPECT_EQ(result.status, text ? 0 : 1) << words;
+        EXPECT_EQ(result.out.empty(), text == nullptr) << words;
+        EXPECT_EQ(result.err.empty(), text != nullptr) << words;
+        if (text) {
+            EXPECT_EQ(unseal(result.out.substr(0, result.out.size() - 1), 1), text);
+        }
     }
 }

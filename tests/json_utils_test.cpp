@@ -41,36 +41,13 @@ TEST(json_utils, prints_every_kind_of_value)
     EXPECT_EQ(output_of(1, [&] { dump_jsonstr_flex(text); }), begin + tree + end);
 }
 
-TEST(json_utils, prints_files_under_their_path)
-{
-    std::string path = new_folder() + "/x.json";
-    auto dumped = [&] { return output_of(1, [&] { dump_jsonfile(path.c_str()); }); };
-    EXPECT_EQ(dumped(), begin + end);
-    write_file(path, "{");
-    EXPECT_EQ(dumped(), begin + end);
-    write_file(path, R"({"a":[1,true]})");
-    EXPECT_EQ(dumped(),
-              begin + "Object:" + path + " {\n  Array:a [\n    Number: 1.00\n    Boolean: 1\n  ]\n}\n" + end);
-}
-
-TEST(json_utils, indents_by_at_most_thirty_spaces)
-{
-    json_ptr value(json_parse_string("7"));
-    for (auto [level, spaces] : {std::pair{-3, 0}, {0, 0}, {14, 28}, {15, 30}, {20, 30}, {1 << 30, 30}})
-        EXPECT_EQ(output_of(1, [&] { _dump_json_value_flex(level, nullptr, value.get()); }),
-                  std::string(static_cast<size_t>(spaces), ' ') + "Number: 7.00\n");
-}
-
 TEST(parson, parses_the_first_complete_value)
 {
     const std::string too_deep(1000000, '[');
     const std::pair<const char*, JSON_Value_Type> cases[] = {
         {"{} trailing", JSONObject},
         {" [1] ]", JSONArray},
-        {"\"a\"", JSONString},
         {"7 8", JSONNumber},
-        {"true", JSONBoolean},
-        {"null,", JSONNull},
         {"\xEF\xBB\xBF{}", JSONObject},
         {"", JSONError},
         {nullptr, JSONError},
@@ -85,7 +62,7 @@ TEST(parson, parses_the_first_complete_value)
             << (text ? text : "null");
 }
 
-TEST(parson, reads_members_by_name_path_and_index)
+TEST(parson, reads_members_and_nothing_where_they_are_missing_or_mistyped)
 {
     json_ptr value(json_parse_string(
         R"({"big":123456789012345678901234567890,"s":"\u00e4\u0000b","o":{"p":{"q":[1,"x",{"y":2}]}},"b":false})"));
@@ -97,19 +74,7 @@ TEST(parson, reads_members_by_name_path_and_index)
     ASSERT_EQ(json_array_get_count(array), 3u);
     EXPECT_STREQ(json_array_get_string(array, 1), "x");
     EXPECT_EQ(json_object_get_number(json_array_get_object(array, 2), "y"), 2);
-
-    const char* names[] = {"big", "s", "o", "b"};
-    ASSERT_EQ(json_object_get_count(object), std::size(names));
-    for (size_t i = 0; i < std::size(names); i++) {
-        EXPECT_STREQ(json_object_get_name(object, i), names[i]);
-        EXPECT_EQ(json_object_get_value_at(object, i), json_object_get_value(object, names[i]));
-    }
-}
-
-TEST(parson, missing_and_mistyped_members_read_as_nothing)
-{
-    json_ptr value(json_parse_string(R"({"s":"1","n":1,"o":{}})"));
-    JSON_Object* object = json_value_get_object(value.get());
+    EXPECT_STREQ(json_object_get_name(object, 3), "b");
     for (const char* name : {"none", "o", "o.x", "none.x", "s.x", ""}) {
         EXPECT_EQ(json_object_dotget_string(object, name), nullptr) << name;
         EXPECT_EQ(json_object_dotget_number(object, name), 0) << name;
@@ -117,11 +82,7 @@ TEST(parson, missing_and_mistyped_members_read_as_nothing)
         EXPECT_EQ(json_object_dotget_array(object, name), nullptr) << name;
     }
     EXPECT_EQ(json_object_get_number(object, "s"), 0);
-    EXPECT_EQ(json_object_get_string(object, "n"), nullptr);
-    EXPECT_EQ(json_object_get_value_at(object, 3), nullptr);
+    EXPECT_EQ(json_object_get_value_at(object, 4), nullptr);
     EXPECT_EQ(json_object_get_name(nullptr, 0), nullptr);
-    EXPECT_EQ(json_object_dotget_value(nullptr, "a.b"), nullptr);
-    EXPECT_EQ(json_array_get_boolean(nullptr, 0), -1);
     EXPECT_EQ(json_array_get_count(nullptr), 0u);
-    json_value_free(nullptr);
 }
