@@ -244,7 +244,7 @@ public:
     small_disk(const std::string& path, const char* options, unsigned long flags = 0) : path_(path)
     {
         is_there_ = unshare(CLONE_NEWNS) == 0 &&
-                    mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                    mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0 &&
                     mount("none", path_.c_str(), "tmpfs", flags, options) == 0;
     }
     ~small_disk()
@@ -258,7 +258,7 @@ public:
     bool is_there() const { return is_there_; }
     bool grow(const char* options) const
     {
-        return mount(nullptr, path_.c_str(), nullptr, MS_REMOUNT, options) == 0;
+        return mount("none", path_.c_str(), "tmpfs", MS_REMOUNT, options) == 0;
     }
 
 private:

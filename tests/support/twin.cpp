@@ -384,10 +384,11 @@ void twin_world::relocate(const step_t& step, side_t side, bool is_move)
     if (to.empty())
         return;
     const bool darkens = local_[from].empty() && darkens_others(from);
-    const bool in_peace = side == local_side && (darkens || has_orphans(from));
+    bool in_peace = side == local_side && (darkens || has_orphans(from));
     if (in_peace)
         settle();
     prepare(side, {from, to}, structural, side == cloud_side && local_[from].empty());
+    in_peace |= side == local_side && has_orphans(from); // an agreement just now may have left some
     // The cloud may not know a folder yet, or what holds it.
     if (!local_.contains(from) || remote_.contains(to) ||
         (side == cloud_side && !cloud_.has(cloud_path(from))))
