@@ -281,8 +281,8 @@ std::string twin_world::new_place(const step_t& step, const std::string& path, b
 void twin_world::prepare(side_t side, const paths_t& paths, change_t change, bool carries_edits)
 {
     const auto clash = [&](const pending_t& pending) {
-        const bool offline_edit = !service_ && pending.side == local_side && pending.change == an_edit;
-        if (offline_edit && (side == local_side ? change != structural : carries_edits))
+        const bool edit = !service_ && pending.side == local_side && pending.change == an_edit;
+        if (edit && (side == local_side ? change != structural : carries_edits && !pending.watched))
             return false;
         return std::any_of(paths.begin(), paths.end(),
                            [&](auto& path) { return related(path, pending.path); });
@@ -293,7 +293,7 @@ void twin_world::prepare(side_t side, const paths_t& paths, change_t change, boo
         await_live();
     enter_step();
     for (const std::string& path : paths)
-        pending_.push_back({side, path, change});
+        pending_.push_back({side, path, change, service_ != nullptr});
 }
 
 // ---- Steps ----

@@ -87,6 +87,7 @@ private:
         side_t side;
         std::string path;
         change_t change;
+        bool watched; // a service was there, which may have begun to pass it on
     };
     using paths_t = std::vector<std::string>;
 
