@@ -621,13 +621,13 @@ std::string twin_world::difference(bool adopt)
     return text;
 }
 
-// Two polls without an event in between: nothing is on its way any more.
+// Four polls: one pass over the feed takes two, and events are read between passes.
 void twin_world::quiesce()
 {
     cloud_.forget_requests();
     await("the cloud is not polled any more", [this] {
         std::this_thread::sleep_for(std::chrono::milliseconds(40));
-        return cloud_.count("POST", "changes") >= 2;
+        return cloud_.count("POST", "changes") >= 4;
     });
 }
 
