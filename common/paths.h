@@ -1,8 +1,9 @@
-// Parts of a cloud or local path, as new strings.
+// Parts of a cloud or local path, as new strings, and what stands at a local one.
 #pragma once
 
 #include <libgen.h>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 // The folder that holds the entry; "/" for the entries of the root.
@@ -29,4 +30,11 @@ inline std::vector<std::string> split_path(const std::string& path)
         begin = end;
     }
     return names;
+}
+
+// Whether anything stands there, a link that leads nowhere too.
+inline bool is_there(const std::string& path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
 }

@@ -21,12 +21,6 @@ constexpr int fetch_all_changes = 1;
 constexpr size_t max_changed_nodes = 10000;
 constexpr size_t changes_chunk_size = 200;
 
-bool is_there(const char* path)
-{
-    struct stat st;
-    return lstat(path, &st) == 0;
-}
-
 bool is_of_kind(const acd_node_t* node, const char* path)
 {
     struct stat st;

@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <strings.h>
-#include <sys/stat.h>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -19,12 +18,6 @@ namespace
 constexpr size_t most_folders = 64;
 
 using names_t = std::unordered_set<size_t>; // hashes of the names in small letters
-
-bool is_there(const std::string& path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
 
 int is_name(const struct dirent* entry)
 {

@@ -1,8 +1,10 @@
 #include <cstring>
 #include <sys/stat.h>
 
+#include "common/paths.h"
 #include "common/utils.h"
 #include "kxamazon/acd_fs.h"
+#include "kxamazon/acd_fs_cache.h"
 #include "kxamazon/acd_sync_downsync.h"
 #include "kxamazon/acd_sync_echo.h"
 #include "kxamazon/acd_sync_letters.h"
@@ -57,11 +59,12 @@ bool is_taken(const char* cloud_path, acd_fs_error_t* rc)
     return *rc == ACD_FS_ERR_OK;
 }
 
-// Whether the cloud has a node at the path that is the twin of another local entry.
+// Whether the cloud has a node at the path that is the twin of another local entry. One that was synced is in
+// the cache, so that no request need be made.
 bool is_others(const char* function_name, const char* local_path, const char* cloud_path)
 {
     node_ptr node;
-    acd_fs_get_node(cloud_path, out(node));
+    acd_cache_get_node_at(cloud_path, out(node));
     return node && acd_sync_is_twin_of_another(function_name, node.get(), local_path, cloud_path);
 }
 
@@ -185,10 +188,9 @@ acd_fs_error_t move_file(const char* cloud_old, const char* cloud_new, const cha
 void leave_old_place(const char* old_local_path, const char* cloud_old, const char* new_local_path,
                      const char* cloud_new)
 {
-    struct stat st;
     node_ptr node;
     acd_fs_get_node(cloud_new, out(node));
-    if (node && node->status == NODE_STATUS_AVAILABLE && lstat(old_local_path, &st) != 0 &&
+    if (node && node->status == NODE_STATUS_AVAILABLE && !is_there(old_local_path) &&
         linux_fs_has_content(new_local_path, node->size_byte, node->md5))
         delete_node("FILE", old_local_path, cloud_old, false);
 }
@@ -207,8 +209,8 @@ void handle_move_echo(const char* cloud_old, const char* cloud_new, const char* 
 bool is_same_node(const char* cloud_path, const char* other_path)
 {
     node_ptr node, other;
-    acd_fs_get_node(cloud_path, out(node));
-    acd_fs_get_node(other_path, out(other));
+    acd_cache_get_node_at(cloud_path, out(node));
+    acd_cache_get_node_at(other_path, out(other));
     return node && other && strcmp(node->id, other->id) == 0;
 }
 
